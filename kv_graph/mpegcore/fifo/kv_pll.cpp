@@ -1,0 +1,93 @@
+#include "mpegcore/fifo/kv_pll.h"
+
+namespace mpegcore {
+
+namespace {
+
+// Times arrive in 100 ns units and are divided into seconds as doubles, then widened;
+// the way back multiplies by the single-precision value.
+constexpr double kUnitsPerSecond = 10000000.0;
+constexpr float kUnitsPerSecondOut = 10000000.0f;
+constexpr double kLoopGain = 0.0001;
+// Updates are at least 20 ms of device time apart; the start value makes the first
+// call after a lock start update for any non-negative device time.
+constexpr int64_t kUpdateSpacing = 199999;
+constexpr int64_t kSystemTimeLastStart = -200001;
+// The integral term joins once more than kIntegralStart regulator values are held, of
+// at most kWindow.
+constexpr std::size_t kWindow = 1000;
+constexpr std::size_t kIntegralStart = 500;
+constexpr double kIntegralWeight = 0.01;
+
+int64_t to_units(long double seconds) {
+    // Conversion to an integer truncates toward zero.
+    return static_cast<int64_t>(seconds * kUnitsPerSecondOut);
+}
+
+}  // namespace
+
+kv_pll::kv_pll() : m_Filter(0) {}
+
+void kv_pll::reset() {
+    m_bFirstStamp = true;
+}
+
+int64_t kv_pll::set_stamp(int64_t llSystemTime, int64_t llStreamTime) {
+    if (m_bFirstStamp) {
+        ResetPLL(llSystemTime, llStreamTime);
+        m_bFirstStamp = false;
+        return llStreamTime;
+    }
+    return SetTimeToPLL(llSystemTime, llStreamTime);
+}
+
+void kv_pll::ResetPLL(int64_t llSystemTime, int64_t llStreamTime) {
+    m_dSystemTimeStart = llSystemTime / kUnitsPerSecond;
+    m_dStreamTimeStart = llStreamTime / kUnitsPerSecond;
+    m_nSystemTimeLast = kSystemTimeLastStart;
+    m_lP = 0;
+    m_dStreamTimeLast = 0;
+    m_dK = kLoopGain;
+    m_dRegulator = 0;
+    m_Filter.Reset(0);
+    m_dIRegulator = 0;
+    m_listIRegulator.clear();
+}
+
+int64_t kv_pll::SetTimeToPLL(int64_t llSystemTime, int64_t llStreamTime) {
+    const long double dStreamTime = llStreamTime / kUnitsPerSecond;
+    const long double ds = dStreamTime - m_dStreamTimeStart;
+
+    if (llSystemTime - m_nSystemTimeLast <= kUpdateSpacing) {
+        return to_units(m_dStreamTimeStart + (m_dRegulator + ds));
+    }
+
+    // Phase error: elapsed device time minus elapsed corrected stream time.
+    const long double dSystemTime = llSystemTime / kUnitsPerSecond;
+    const long double dDif = (dSystemTime - m_dSystemTimeStart) - (m_dRegulator + ds);
+
+    const long double f = m_Filter.DigFil(dDif);
+    m_dA = f;
+    m_dRegulator = m_dRegulator + m_dK * f;
+
+    m_listIRegulator.push_back(m_dRegulator);
+    m_dIRegulator = m_dIRegulator + m_dRegulator;
+    if (m_listIRegulator.size() > kWindow) {
+        m_dIRegulator = m_dIRegulator - m_listIRegulator.front();
+        m_listIRegulator.pop_front();
+    }
+    if (m_listIRegulator.size() > kIntegralStart) {
+        // The quotient goes back into the store itself, so from here on the store is a
+        // running mixture of the last quotient and the newer values rather than a plain
+        // sum. The loop is tuned with this arithmetic; it is not a moving average.
+        m_dIRegulator = m_dIRegulator / static_cast<long double>(m_listIRegulator.size());
+        m_dRegulator = m_dRegulator + kIntegralWeight * m_dIRegulator;
+    }
+
+    m_nSystemTimeLast = llSystemTime;
+    const long double result = m_dStreamTimeStart + (ds + m_dRegulator);
+    m_dStreamTimeLast = result;
+    return to_units(result);
+}
+
+}  // namespace mpegcore

@@ -1,0 +1,100 @@
+#include "mpegcore/fifo/kv_butterworth.h"
+#include "mpegcore/fifo/kv_pll.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+
+using namespace mpegcore;
+
+namespace {
+
+TEST(Butterworth, UnitDcGainAndCutOff) {
+    kv_butterworth filter(0);
+    for (long double x0 : {0.25L, -3.0L}) {
+        filter.Reset(x0);
+        for (int i = 0; i < 1000; ++i) {
+            ASSERT_NEAR(double(filter.DigFil(x0)), double(x0), 1e-12);
+        }
+    }
+    // A unit step reaches 1 - 1/e after one time constant, 1 / (2 pi 0.00002) samples.
+    filter.Reset(0);
+    long double y = 0;
+    for (int i = 0; i < 7958; ++i) {
+        y = filter.DigFil(1);
+    }
+    EXPECT_NEAR(double(y), 1 - std::exp(-1.0), 1e-3);
+}
+
+TEST(Pll, FirstStampUpdateWindowAndTruncation) {
+    kv_pll pll;
+    const int64_t big = (int64_t(1) << 62) + 1;  // more than a double holds
+    EXPECT_EQ(pll.set_stamp(555, big), big);
+    pll.reset();
+
+    const int64_t sys0 = 1000000000, str0 = 500000000;
+    EXPECT_EQ(pll.set_stamp(sys0, str0), str0);
+    EXPECT_EQ(pll.set_stamp(sys0, str0), str0);  // the second call always updates
+    EXPECT_EQ(pll.get_regulator_count(), 1u);
+    // 199,999 units after the last update: no update, whatever the stream did.
+    EXPECT_NEAR(pll.set_stamp(sys0 + 199999, str0 + 100000), str0 + 100000, 1);
+    EXPECT_EQ(pll.get_regulator_count(), 1u);
+    EXPECT_EQ(pll.get_regulator(), 0.0L);
+    // 200,000 units: update; the stream ran ahead, so the regulator pulls it back.
+    pll.set_stamp(sys0 + 200000, str0 + 300000);
+    const long double reg = pll.get_regulator();
+    EXPECT_LT(reg, 0.0L);
+    // The window counts from the last update, not from the last call.
+    pll.set_stamp(sys0 + 300000, str0 + 400000);
+    EXPECT_EQ(pll.get_regulator(), reg);
+    pll.set_stamp(sys0 + 400000, str0 + 600000);
+    EXPECT_EQ(pll.get_regulator_count(), 3u);
+
+    // With the origin at 0 and no correction, 3 units come back from seconds as
+    // 2.99999999999999986; both signs truncate toward zero.
+    pll.reset();
+    pll.set_stamp(0, 0);
+    pll.set_stamp(0, 0);
+    EXPECT_EQ(pll.get_regulator_count(), 1u);
+    EXPECT_EQ(pll.set_stamp(1, 3), 2);
+    EXPECT_EQ(pll.set_stamp(2, -3), -2);
+}
+
+// A stream clock 50 ppm fast (and slow) against the device clock, stamped every 20 ms
+// of device time for two simulated hours. The regulator has to take up the drift: its
+// slope settles at -drift, and the corrected stream keeps a constant lag of about
+// drift x 20 ms / 0.0001 = 10 ms instead of drifting away by 360 ms.
+TEST(Pll, LocksStreamRunning50ppmOff) {
+    for (const double ppm : {50.0, -50.0}) {
+        SCOPED_TRACE(ppm);
+        const double sign = ppm > 0 ? 1 : -1;
+        kv_pll pll;
+        const int64_t sys0 = 123456789, str0 = 987654321;
+        double err = 0, err_60 = 0, err_3540 = 0, err_3600 = 0, worst = 0;
+        long double reg_7140 = 0;
+        for (int64_t k = 0; k <= 50 * 7200; ++k) {
+            const int64_t dsys = k * 200000;
+            const int64_t dstr = std::llround(double(dsys) * (1 + ppm * 1e-6));
+            // Corrected elapsed stream time minus elapsed device time, in units.
+            err = double(pll.set_stamp(sys0 + dsys, str0 + dstr) - str0 - dsys);
+            ASSERT_GE(err * sign, -1) << "overshoot at update " << k;
+            worst = std::max(worst, std::fabs(err));
+            err_60 = k == 50 * 60 ? err : err_60;
+            err_3540 = k == 50 * 3540 ? err : err_3540;
+            err_3600 = k == 50 * 3600 ? err : err_3600;
+            reg_7140 = k == 50 * 7140 ? pll.get_regulator() : reg_7140;
+        }
+        const double per_minute = 50e-6 * 60 * 1e7;      // uncorrected drift, 30,000 units
+        EXPECT_GT(std::fabs(err_60), 0.9 * per_minute);  // barely corrected yet
+        EXPECT_LT(std::fabs(err_3600 - err_3540), 0.01 * per_minute);  // no drift left
+        EXPECT_NEAR(double(pll.get_regulator() - reg_7140) / 60, -ppm * 1e-6, 0.005e-6);
+        // The lag left (a little under 10 ms with the integral term) and the worst on the
+        // way, against 3,600,000 units of uncorrected drift.
+        EXPECT_TRUE(err * sign > 90000 && err * sign < 100000) << err;
+        EXPECT_LT(worst, 125000);
+        EXPECT_EQ(pll.get_regulator_count(), 1000u);
+    }
+}
+
+}  // namespace

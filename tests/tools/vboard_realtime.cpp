@@ -1,0 +1,150 @@
+// The board in real time against a host loop at frame rate, and calls that meet across
+// threads. KV_VBOARD_RT_SECONDS sets the length of the real-time run (2 s).
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+
+#include "kv_asi_analyzer.h"
+#include "vboard_test_host.h"
+
+using namespace vboard_test;
+
+namespace {
+
+const char* const kNode = "/dev/kvasi-rt0";
+
+int64_t mono_ns() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return int64_t(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+}  // namespace
+
+TEST(VboardRealtimeConcurrency, HostLoopAtFrameRateLeavesNoIdleFrame) {
+    const char* env = getenv("KV_VBOARD_RT_SECONDS");
+    const uint32_t seconds = env && atoi(env) > 0 ? uint32_t(atoi(env)) : 2;
+    const uint32_t nFrames = seconds * 50;
+    const double ppm = 50.0;
+    const std::string capture = temp_path("rt_capture.bin");
+    kv_vboard_remove_all();
+    kv_vboard_config c = config(kNode);
+    c.ppm = ppm;
+    snprintf(c.capture, sizeof(c.capture), "%s", capture.c_str());
+    ASSERT_EQ(kv_vboard_add(&c), 0);
+
+    // About 22.6 Mbit/s, packets cut at frame borders, a PCR every 20 packets.
+    const cbr_line line{1999, 20, 1234567};
+    host h;
+    ASSERT_EQ(h.open(kNode, false), 0);
+    ASSERT_EQ(h.setup(), 0);
+    for (uint32_t i = 0; i < 6; ++i) {
+        line.frame(i, h.data[i]);
+        ASSERT_EQ(h.qbuf(i), 0);
+    }
+    uint32_t c0 = 0, cEnd = 0;
+    const int64_t tBefore0 = mono_ns();
+    ASSERT_EQ(h.counter(c0), 0);
+    const int64_t tAfter0 = mono_ns();
+    ASSERT_EQ(h.stream(true), 0);
+    uint32_t nextSequence = 2;
+    for (uint32_t i = 6; i < nFrames; ++i) {
+        v4l2_buffer b;
+        ASSERT_EQ(h.dqbuf(b), 0);
+        uint32_t now = 0;
+        ASSERT_EQ(h.counter(now), 0);
+        ASSERT_EQ(b.sequence, nextSequence++) << "a frame went out idle";
+        // A buffer comes back only once its frame has left, on the board's clock.
+        const uint32_t frame = b.sequence - 2;
+        EXPECT_GE(now - c0, (frame + 1) * uint32_t(kvvb::kTicksPerFrame)) << "frame " << frame;
+        line.frame(i, h.data[b.index]);
+        ASSERT_EQ(h.qbuf(b.index), 0);
+    }
+    const int64_t tBeforeEnd = mono_ns();
+    ASSERT_EQ(h.counter(cEnd), 0);
+    const int64_t tAfterEnd = mono_ns();
+    ASSERT_EQ(h.stream(false), 0);
+    kv_vboard_counters n{};
+    ASSERT_EQ(kv_vboard_get_counters(kNode, &n), 0);
+    h.close();
+
+    EXPECT_EQ(n.idle_frames, 0u);
+    EXPECT_EQ(n.word_violations, 0u);
+    EXPECT_GE(n.frames_sent, uint64_t(nFrames - 6));
+    // The counter runs at 148.5 MHz plus the offset, bracketed by the monotonic clock.
+    const double rate = 148.5e6 * (1 + ppm * 1e-6);
+    const double ticks = double(uint32_t(cEnd - c0));
+    EXPECT_GE(ticks, double(tBeforeEnd - tAfter0) * 1e-9 * rate - 2);
+    EXPECT_LE(ticks, double(tAfterEnd - tBefore0) * 1e-9 * rate + 2);
+
+    // The capture holds the stream in order, each PCR exactly at its word.
+    kv_asi_analyze::report r;
+    std::string error;
+    ASSERT_TRUE(kv_asi_analyze::analyze_files(capture, "", r, error)) << error;
+    EXPECT_EQ(r.packets, n.packets);
+    EXPECT_GE(r.packets, uint64_t(nFrames - 6) * kvvb::kWordsPerFrame / line.spacing - 1);
+    EXPECT_TRUE(r.cc_errors.empty());
+    ASSERT_EQ(r.pcr.size(), 1u);
+    EXPECT_LT(r.pcr[0].offset_max_ns, 1.0);
+    EXPECT_NEAR(r.pcr[0].max_interval_ms, 20.0 * line.spacing / 27000, 1e-6);
+    remove(capture.c_str());
+}
+
+TEST(VboardConcurrency, BlockedDqbufWakesForQbufAndStreamoff) {
+    kv_vboard_remove_all();
+    kv_vboard_config c = config(kNode);
+    c.freerun = 1;
+    ASSERT_EQ(kv_vboard_add(&c), 0);
+    host h;
+    ASSERT_EQ(h.open(kNode, false), 0);
+    ASSERT_EQ(h.setup(), 0);
+    ASSERT_EQ(h.stream(true), 0);  // nothing queued: the line waits
+
+    std::atomic<bool> bStop{false};
+    std::thread reader([&] {
+        // Counter and counters read while the other threads queue and wait.
+        while (!bStop.load()) {
+            uint32_t v;
+            EXPECT_EQ(h.counter(v), 0);
+            kv_vboard_counters n;
+            EXPECT_EQ(kv_vboard_get_counters(kNode, &n), 0);
+        }
+    });
+    std::atomic<int> stage{0};
+    int results[2] = {-1, -1};
+    uint32_t sequence = 0;
+    std::thread waiter([&] {
+        v4l2_buffer b;
+        h.prepare(b, 0);
+        stage = 1;
+        results[0] = h.call(VIDIOC_DQBUF, &b);
+        sequence = b.sequence;
+        stage = 2;
+        h.prepare(b, 0);
+        results[1] = h.call(VIDIOC_DQBUF, &b);
+    });
+    while (stage.load() < 1) {
+        std::this_thread::yield();
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(stage.load(), 1);  // still blocked: nothing has been queued
+    ASSERT_EQ(h.qbuf(0), 0);
+    while (stage.load() < 2) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(results[0], 0);
+    EXPECT_EQ(sequence, 2u);
+    // STREAMOFF releases a waiter (or refuses a DQBUF that comes after it).
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    ASSERT_EQ(h.stream(false), 0);
+    waiter.join();
+    EXPECT_EQ(results[1], EINVAL);
+    bStop = true;
+    reader.join();
+    h.close();
+    kv_vboard_remove_all();
+}

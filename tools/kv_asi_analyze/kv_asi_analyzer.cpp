@@ -1,0 +1,616 @@
+#include "kv_asi_analyzer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace kv_asi_analyze {
+
+namespace {
+
+constexpr uint32_t kStampMask = (1u << 30) - 1;
+constexpr int64_t kPcrModulus = (int64_t(1) << 33) * 300;
+constexpr size_t kMaxDetails = 10;
+
+uint64_t packet_hash(const uint8_t* p) {
+    uint64_t h = 1469598103934665603ull;
+    for (size_t i = 0; i < kPacketSize; ++i) {
+        h = (h ^ p[i]) * 1099511628211ull;
+    }
+    return h;
+}
+
+double words_to_ns(double words) {
+    return words * 1e9 / kWordsPerSecond;
+}
+
+std::string pid_text(uint16_t pid) {
+    char buf[16];
+    snprintf(buf, sizeof(buf), "0x%04X", pid);
+    return buf;
+}
+
+std::string printf_string(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+std::string printf_string(const char* fmt, ...) {
+    char buf[512];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(buf, sizeof(buf), fmt, ap);
+    va_end(ap);
+    return buf;
+}
+
+}  // namespace
+
+struct capture_analyzer::pid_state {
+    // Continuity.
+    bool bHasCC = false;
+    uint8_t cc = 0;
+    bool bDuplicate = false;
+    uint64_t ccErrors = 0;
+    // PCRs: line time (words) and PCR (27 MHz, unwrapped), by segment between
+    // discontinuities.
+    struct point {
+        uint64_t t;
+        int64_t pcr;
+        uint32_t segment;
+    };
+    std::vector<point> pcrs;
+    int64_t lastRawPcr = -1;
+    int64_t pcrWraps = 0;
+    uint32_t segment = 0;
+    uint32_t discontinuities = 0;
+    uint64_t maxIntervalWords = 0;
+};
+
+struct capture_analyzer::source_index {
+    std::vector<uint8_t> data;
+    size_t count = 0;
+    std::unordered_map<uint64_t, std::vector<uint32_t>> positions;  // ascending
+    size_t next = 0;
+    bool bAnyMatched = false;
+
+    const uint8_t* packet(size_t i) const { return data.data() + i * kPacketSize; }
+    bool equal(const uint8_t* p, size_t i) const { return memcmp(p, packet(i), kPacketSize) == 0; }
+};
+
+capture_analyzer::capture_analyzer() = default;
+capture_analyzer::~capture_analyzer() = default;
+
+void capture_analyzer::set_source(std::vector<uint8_t> source) {
+    m_pSource.reset(new source_index());
+    source_index& s = *m_pSource;
+    s.data = std::move(source);
+    s.count = s.data.size() / kPacketSize;
+    s.positions.reserve(s.count);
+    for (size_t i = 0; i < s.count; ++i) {
+        s.positions[packet_hash(s.packet(i))].push_back(uint32_t(i));
+    }
+    m_source = source_report();
+    m_source.checked = true;
+    m_source.source_packets = s.count;
+}
+
+void capture_analyzer::add(uint32_t stamp, const uint8_t* p) {
+    stamp &= kStampMask;
+    if (m_bFirst) {
+        m_bFirst = false;
+        m_tLine = stamp;
+        m_tFirst = stamp;
+    } else {
+        m_tLine += (stamp - m_nLastStamp) & kStampMask;  // the stamp wraps every 39.8 s
+    }
+    m_nLastStamp = stamp;
+    ++m_nPackets;
+
+    const uint16_t pid = uint16_t((p[1] & 0x1f) << 8 | p[2]);
+    if (pid != 0x1fff && !(p[1] & 0x80)) {
+        check_continuity(pid, p);
+        take_pcr(pid, p, m_tLine);
+    }
+    if (m_pSource) {
+        check_source(p);
+    }
+}
+
+void capture_analyzer::check_continuity(uint16_t pid, const uint8_t* p) {
+    pid_state& s = m_pids[pid];
+    const uint8_t afc = (p[3] >> 4) & 3;
+    const uint8_t cc = p[3] & 0x0f;
+    const bool bPayload = (afc & 1) != 0;
+    const bool bDiscontinuity = (afc & 2) && p[4] > 0 && (p[5] & 0x80);
+    if (!s.bHasCC || bDiscontinuity) {
+        s.bHasCC = true;
+        s.cc = cc;
+        s.bDuplicate = false;
+        return;
+    }
+    bool bError;
+    if (!bPayload) {
+        bError = cc != s.cc;  // no payload: the counter stays
+    } else if (cc == s.cc) {
+        bError = s.bDuplicate;  // one duplicate packet is allowed
+        s.bDuplicate = true;
+    } else {
+        bError = cc != ((s.cc + 1) & 0x0f);
+        s.bDuplicate = false;
+    }
+    s.cc = cc;
+    if (bError) {
+        ++s.ccErrors;
+    }
+}
+
+void capture_analyzer::take_pcr(uint16_t pid, const uint8_t* p, uint64_t t) {
+    const uint8_t afc = (p[3] >> 4) & 3;
+    if (!(afc & 2) || p[4] < 7 || !(p[5] & 0x10)) {
+        return;
+    }
+    const int64_t base = int64_t(p[6]) << 25 | int64_t(p[7]) << 17 | int64_t(p[8]) << 9 |
+                         int64_t(p[9]) << 1 | int64_t(p[10] >> 7);
+    const int64_t ext = int64_t(p[10] & 1) << 8 | p[11];
+    const int64_t raw = base * 300 + ext;
+    pid_state& s = m_pids[pid];
+    if (p[5] & 0x80) {
+        if (!s.pcrs.empty()) {
+            ++s.segment;
+            ++s.discontinuities;
+        }
+        s.pcrWraps = 0;
+    } else if (s.lastRawPcr >= 0 && raw + kPcrModulus / 2 < s.lastRawPcr) {
+        ++s.pcrWraps;
+    }
+    if (!s.pcrs.empty()) {
+        s.maxIntervalWords = std::max(s.maxIntervalWords, t - s.pcrs.back().t);
+    }
+    s.lastRawPcr = raw;
+    s.pcrs.push_back({t, raw + s.pcrWraps * kPcrModulus, s.segment});
+}
+
+void capture_analyzer::note(const std::string& text) {
+    if (m_source.details.size() < kMaxDetails) {
+        m_source.details.push_back(text);
+    }
+}
+
+void capture_analyzer::check_source(const uint8_t* p) {
+    source_index& s = *m_pSource;
+    const uint64_t record = m_nPackets - 1;
+    const auto matched = [&](size_t k) {
+        ++m_source.matched;
+        s.next = k + 1;
+        s.bAnyMatched = true;
+    };
+    if (s.next < s.count && s.equal(p, s.next)) {
+        matched(s.next);
+        return;
+    }
+    if (s.bAnyMatched && s.next > 0 && s.equal(p, s.next - 1)) {
+        ++m_source.repeated;
+        note(printf_string("record %llu repeats source packet %zu", (unsigned long long)record,
+                           s.next - 1));
+        return;
+    }
+    const auto it = s.positions.find(packet_hash(p));
+    if (it != s.positions.end()) {
+        const std::vector<uint32_t>& pos = it->second;
+        for (auto k = std::lower_bound(pos.begin(), pos.end(), uint32_t(s.next)); k != pos.end();
+             ++k) {
+            if (s.equal(p, *k)) {
+                const size_t gap = *k - s.next;
+                if (s.bAnyMatched) {
+                    m_source.missing += gap;
+                    note(printf_string("record %llu: source packets %zu..%zu missing",
+                                       (unsigned long long)record, s.next, size_t(*k) - 1));
+                } else {
+                    m_source.unsent_head += gap;
+                }
+                matched(*k);
+                return;
+            }
+        }
+        for (auto k = pos.begin(); k != pos.end() && *k < s.next; ++k) {
+            if (s.equal(p, *k)) {
+                ++m_source.repeated;
+                note(printf_string("record %llu repeats source packet %u",
+                                   (unsigned long long)record, *k));
+                return;
+            }
+        }
+    }
+    ++m_source.altered;
+    if (s.next < s.count) {
+        note(printf_string("record %llu (PID %s) differs from source packet %zu",
+                           (unsigned long long)record,
+                           pid_text(uint16_t((p[1] & 0x1f) << 8 | p[2])).c_str(), s.next));
+        ++s.next;  // taken as an altered copy of the packet expected here
+    } else {
+        note(printf_string("record %llu comes after the end of the source",
+                           (unsigned long long)record));
+    }
+}
+
+report capture_analyzer::finish() {
+    report r;
+    r.packets = m_nPackets;
+    if (m_nPackets > 0) {
+        const uint64_t span = m_tLine - m_tFirst;
+        r.duration_s = double(span) / kWordsPerSecond;
+        if (m_nPackets > 1 && span > 0) {
+            r.bitrate_bps = double(m_nPackets - 1) * kPacketSize * 8 / r.duration_s;
+        }
+        const double lineWords = double(span + kPacketSize);
+        r.idle_share = std::max(0.0, 1.0 - double(m_nPackets * kPacketSize) / lineWords);
+    }
+    for (auto& entry : m_pids) {
+        const pid_state& s = entry.second;
+        if (s.ccErrors > 0) {
+            r.cc_errors[entry.first] = s.ccErrors;
+        }
+        if (s.pcrs.empty()) {
+            continue;
+        }
+        pcr_report pr;
+        pr.pid = entry.first;
+        pr.pcrs = s.pcrs.size();
+        pr.max_interval_ms = double(s.maxIntervalWords) / kWordsPerSecond * 1e3;
+        pr.discontinuities = s.discontinuities;
+        // Each segment between discontinuities gets its own offset and drift.
+        double sumOffset2 = 0, sumDrift2 = 0, weightedSlope = 0;
+        double slopeWeight = 0;
+        size_t begin = 0;
+        while (begin < s.pcrs.size()) {
+            size_t end = begin;
+            while (end < s.pcrs.size() && s.pcrs[end].segment == s.pcrs[begin].segment) {
+                ++end;
+            }
+            const size_t n = end - begin;
+            const uint64_t t0 = s.pcrs[begin].t;
+            const int64_t e0 = s.pcrs[begin].pcr - int64_t(t0);
+            double sx = 0, sy = 0, sxx = 0, sxy = 0;
+            for (size_t i = begin; i < end; ++i) {
+                const double x = double(s.pcrs[i].t - t0);
+                const double y = double(s.pcrs[i].pcr - int64_t(s.pcrs[i].t) - e0);
+                sx += x;
+                sy += y;
+                sxx += x * x;
+                sxy += x * y;
+            }
+            const double mean = sy / double(n);
+            const double den = double(n) * sxx - sx * sx;
+            const double slope = (n > 1 && den > 0) ? (double(n) * sxy - sx * sy) / den : 0.0;
+            const double intercept = (sy - slope * sx) / double(n);
+            for (size_t i = begin; i < end; ++i) {
+                const double x = double(s.pcrs[i].t - t0);
+                const double y = double(s.pcrs[i].pcr - int64_t(s.pcrs[i].t) - e0);
+                const double ro = words_to_ns(y - mean);
+                const double rd = words_to_ns(y - intercept - slope * x);
+                pr.offset_max_ns = std::max(pr.offset_max_ns, std::fabs(ro));
+                pr.drift_max_ns = std::max(pr.drift_max_ns, std::fabs(rd));
+                sumOffset2 += ro * ro;
+                sumDrift2 += rd * rd;
+            }
+            if (n > 1) {
+                weightedSlope += slope * double(n);
+                slopeWeight += double(n);
+            }
+            begin = end;
+        }
+        pr.offset_rms_ns = std::sqrt(sumOffset2 / double(s.pcrs.size()));
+        pr.drift_rms_ns = std::sqrt(sumDrift2 / double(s.pcrs.size()));
+        pr.drift_ppm = slopeWeight > 0 ? weightedSlope / slopeWeight * 1e6 : 0.0;
+        r.pcr.push_back(pr);
+    }
+    if (m_pSource) {
+        m_source.unsent_tail = m_pSource->count - std::min(m_pSource->next, m_pSource->count);
+        r.source = m_source;
+    }
+    return r;
+}
+
+bool report::pcr_within(double limit_ns) const {
+    for (const pcr_report& p : pcr) {
+        if (p.drift_max_ns > limit_ns) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// -------------------------------------------------------------------------------------
+// Files
+
+namespace {
+
+struct file_closer {
+    void operator()(FILE* f) const { fclose(f); }
+};
+using file_ptr = std::unique_ptr<FILE, file_closer>;
+
+bool file_size(FILE* f, uint64_t& size) {
+    if (fseeko(f, 0, SEEK_END) != 0) {
+        return false;
+    }
+    const off_t end = ftello(f);
+    if (end < 0 || fseeko(f, 0, SEEK_SET) != 0) {
+        return false;
+    }
+    size = uint64_t(end);
+    return true;
+}
+
+bool read_source(const std::string& path, std::vector<uint8_t>& data, std::string& error) {
+    file_ptr f(fopen(path.c_str(), "rb"));
+    uint64_t size = 0;
+    if (!f || !file_size(f.get(), size)) {
+        error = path + ": cannot open: " + strerror(errno);
+        return false;
+    }
+    if (size % kPacketSize != 0) {
+        error = path + ": not a transport stream of whole 188-byte packets (" +
+                std::to_string(size) + " bytes)";
+        return false;
+    }
+    data.resize(size);
+    if (size > 0 && fread(data.data(), size, 1, f.get()) != 1) {
+        error = path + ": read error";
+        return false;
+    }
+    for (uint64_t i = 0; i < size; i += kPacketSize) {
+        if (data[i] != 0x47) {
+            error = path + ": packet " + std::to_string(i / kPacketSize) + " has no sync byte";
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+bool analyze_files(const std::string& capture, const std::string& source, report& out,
+                   std::string& error) {
+    capture_analyzer a;
+    if (!source.empty()) {
+        std::vector<uint8_t> data;
+        if (!read_source(source, data, error)) {
+            return false;
+        }
+        a.set_source(std::move(data));
+    }
+    file_ptr f(fopen(capture.c_str(), "rb"));
+    uint64_t size = 0;
+    if (!f || !file_size(f.get(), size)) {
+        error = capture + ": cannot open: " + strerror(errno);
+        return false;
+    }
+    if (size % kRecordSize != 0) {
+        error = capture + ": truncated capture: " + std::to_string(size) +
+                " bytes is not a whole number of 192-byte records";
+        return false;
+    }
+    std::vector<uint8_t> buf(kRecordSize * 4096);
+    uint64_t record = 0;
+    for (uint64_t left = size / kRecordSize; left > 0;) {
+        const size_t n = size_t(std::min<uint64_t>(left, 4096));
+        if (fread(buf.data(), kRecordSize, n, f.get()) != n) {
+            error = capture + ": read error at record " + std::to_string(record);
+            return false;
+        }
+        for (size_t i = 0; i < n; ++i, ++record) {
+            const uint8_t* r = buf.data() + i * kRecordSize;
+            if (r[0] & 0xc0) {
+                error = capture + ": record " + std::to_string(record) +
+                        " has a stamp above 30 bits: not a capture file";
+                return false;
+            }
+            if (r[4] != 0x47) {
+                error = capture + ": record " + std::to_string(record) +
+                        " has no sync byte: not a capture file";
+                return false;
+            }
+            a.add(uint32_t(r[0]) << 24 | uint32_t(r[1]) << 16 | uint32_t(r[2]) << 8 | r[3], r + 4);
+        }
+        left -= n;
+    }
+    out = a.finish();
+    return true;
+}
+
+// -------------------------------------------------------------------------------------
+// Output
+
+std::string format_text(const report& r, double max_pcr_ac_ns) {
+    std::string s = printf_string(
+        "capture: %llu packets, %.3f s, %.3f Mbit/s, idle %.2f %% of the line\n",
+        (unsigned long long)r.packets, r.duration_s, r.bitrate_bps / 1e6, r.idle_share * 100);
+    if (r.cc_errors.empty()) {
+        s += "continuity errors: none\n";
+    } else {
+        s += "continuity errors:";
+        const char* sep = " ";
+        for (const auto& e : r.cc_errors) {
+            s += printf_string("%sPID %s: %llu", sep, pid_text(e.first).c_str(),
+                               (unsigned long long)e.second);
+            sep = ", ";
+        }
+        s += "\n";
+    }
+    if (r.pcr.empty()) {
+        s += "PCR: none\n";
+    }
+    const auto mark = [](double v) {
+        return v <= kPcrAccuracyLimitNs ? "within +-500 ns" : "EXCEEDS +-500 ns";
+    };
+    for (const pcr_report& p : r.pcr) {
+        s += printf_string("PCR PID %s: %llu PCRs, interval max %.3f ms", pid_text(p.pid).c_str(),
+                           (unsigned long long)p.pcrs, p.max_interval_ms);
+        if (p.discontinuities > 0) {
+            s += printf_string(", %u discontinuities", p.discontinuities);
+        }
+        s += "\n";
+        s += printf_string("  accuracy, offset removed: max %.1f ns, rms %.1f ns (%s)\n",
+                           p.offset_max_ns, p.offset_rms_ns, mark(p.offset_max_ns));
+        s += printf_string(
+            "  accuracy, drift removed:  max %.1f ns, rms %.1f ns (%s), drift %+.3f ppm\n",
+            p.drift_max_ns, p.drift_rms_ns, mark(p.drift_max_ns), p.drift_ppm);
+    }
+    if (r.source.checked) {
+        const source_report& c = r.source;
+        s += printf_string(
+            "source: %llu packets: %llu sent in order, %llu missing, %llu repeated, %llu "
+            "altered, %llu unsent at the start, %llu unsent at the end\n",
+            (unsigned long long)c.source_packets, (unsigned long long)c.matched,
+            (unsigned long long)c.missing, (unsigned long long)c.repeated,
+            (unsigned long long)c.altered, (unsigned long long)c.unsent_head,
+            (unsigned long long)c.unsent_tail);
+        for (const std::string& d : c.details) {
+            s += "  " + d + "\n";
+        }
+    }
+    if (max_pcr_ac_ns >= 0) {
+        std::string over;
+        for (const pcr_report& p : r.pcr) {
+            if (p.drift_max_ns > max_pcr_ac_ns) {
+                over += (over.empty() ? " " : ", ") + pid_text(p.pid);
+            }
+        }
+        s += printf_string("PCR accuracy limit %.1f ns: %s", max_pcr_ac_ns,
+                           over.empty() ? "met\n" : "exceeded on PID");
+        if (!over.empty()) {
+            s += over + "\n";
+        }
+    }
+    return s;
+}
+
+namespace {
+
+std::string json_string(const std::string& v) {
+    std::string s = "\"";
+    for (char c : v) {
+        if (c == '"' || c == '\\') {
+            s += '\\';
+            s += c;
+        } else if (uint8_t(c) < 0x20) {
+            s += printf_string("\\u%04x", unsigned(uint8_t(c)));
+        } else {
+            s += c;
+        }
+    }
+    return s + "\"";
+}
+
+std::string json_number(double v) {
+    return std::isfinite(v) ? printf_string("%.6g", v) : "null";
+}
+
+}  // namespace
+
+std::string format_json(const report& r, double max_pcr_ac_ns) {
+    std::string s = "{";
+    s += printf_string("\"packets\": %llu, ", (unsigned long long)r.packets);
+    s += "\"duration_s\": " + json_number(r.duration_s) + ", ";
+    s += "\"bitrate_bps\": " + json_number(r.bitrate_bps) + ", ";
+    s += "\"idle_share\": " + json_number(r.idle_share) + ", ";
+    s += "\"cc_errors\": {";
+    const char* sep = "";
+    for (const auto& e : r.cc_errors) {
+        s += printf_string("%s\"%u\": %llu", sep, unsigned(e.first), (unsigned long long)e.second);
+        sep = ", ";
+    }
+    s += "}, \"pcr\": [";
+    sep = "";
+    for (const pcr_report& p : r.pcr) {
+        s += sep;
+        s += printf_string("{\"pid\": %u, \"pcrs\": %llu, \"discontinuities\": %u, ",
+                           unsigned(p.pid), (unsigned long long)p.pcrs, p.discontinuities);
+        s += "\"max_interval_ms\": " + json_number(p.max_interval_ms) + ", ";
+        s += "\"offset_max_ns\": " + json_number(p.offset_max_ns) + ", ";
+        s += "\"offset_rms_ns\": " + json_number(p.offset_rms_ns) + ", ";
+        s += "\"drift_max_ns\": " + json_number(p.drift_max_ns) + ", ";
+        s += "\"drift_rms_ns\": " + json_number(p.drift_rms_ns) + ", ";
+        s += "\"drift_ppm\": " + json_number(p.drift_ppm) + ", ";
+        s += std::string("\"within_500ns\": ") +
+             (p.drift_max_ns <= kPcrAccuracyLimitNs ? "true" : "false") + "}";
+        sep = ", ";
+    }
+    s += "], \"source\": ";
+    if (r.source.checked) {
+        const source_report& c = r.source;
+        s += printf_string(
+            "{\"source_packets\": %llu, \"matched\": %llu, \"missing\": %llu, \"repeated\": %llu, "
+            "\"altered\": %llu, \"unsent_head\": %llu, \"unsent_tail\": %llu, \"details\": [",
+            (unsigned long long)c.source_packets, (unsigned long long)c.matched,
+            (unsigned long long)c.missing, (unsigned long long)c.repeated,
+            (unsigned long long)c.altered, (unsigned long long)c.unsent_head,
+            (unsigned long long)c.unsent_tail);
+        sep = "";
+        for (const std::string& d : c.details) {
+            s += sep + json_string(d);
+            sep = ", ";
+        }
+        s += "]}";
+    } else {
+        s += "null";
+    }
+    if (max_pcr_ac_ns >= 0) {
+        s += ", \"max_pcr_ac_ns\": " + json_number(max_pcr_ac_ns);
+        s += std::string(", \"pcr_ac_ok\": ") + (r.pcr_within(max_pcr_ac_ns) ? "true" : "false");
+    }
+    return s + "}\n";
+}
+
+// -------------------------------------------------------------------------------------
+// Command line
+
+int run(const std::vector<std::string>& args, std::string& out, std::string& err) {
+    static const char* const kUsage =
+        "usage: kv-asi-analyze CAPTURE [--source FILE.ts] [--json] [--max-pcr-ac NS]\n";
+    std::string capture, source;
+    bool bJson = false;
+    double maxPcrAc = -1;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        if (a == "--json") {
+            bJson = true;
+        } else if (a == "--source" && i + 1 < args.size()) {
+            source = args[++i];
+        } else if (a == "--max-pcr-ac" && i + 1 < args.size()) {
+            char* end = nullptr;
+            maxPcrAc = strtod(args[++i].c_str(), &end);
+            if (*end != '\0' || !(maxPcrAc >= 0)) {
+                err = "kv-asi-analyze: --max-pcr-ac needs a number of nanoseconds\n";
+                return 2;
+            }
+        } else if (a == "-h" || a == "--help") {
+            out = kUsage;
+            return 0;
+        } else if (!a.empty() && a[0] == '-') {
+            err = std::string("kv-asi-analyze: unknown or incomplete option ") + a + "\n" + kUsage;
+            return 2;
+        } else if (capture.empty()) {
+            capture = a;
+        } else {
+            err = std::string("kv-asi-analyze: one capture file only\n") + kUsage;
+            return 2;
+        }
+    }
+    if (capture.empty()) {
+        err = kUsage;
+        return 2;
+    }
+    report r;
+    std::string error;
+    if (!analyze_files(capture, source, r, error)) {
+        err = "kv-asi-analyze: " + error + "\n";
+        return 2;
+    }
+    out = bJson ? format_json(r, maxPcrAc) : format_text(r, maxPcrAc);
+    return maxPcrAc >= 0 && !r.pcr_within(maxPcrAc) ? 1 : 0;
+}
+
+}  // namespace kv_asi_analyze

@@ -1,0 +1,374 @@
+#include "kv_asi_renderer/kv_v4l2_asi_output_device.h"
+
+#include <fcntl.h>
+#include <glib.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+// ioctl that restarts when a signal interrupts it (DQBUF blocks for up to a frame).
+int xioctl(int fd, unsigned long request, void* arg) {
+    int r;
+    do {
+        r = ::ioctl(fd, request, arg);
+    } while (r == -1 && errno == EINTR);
+    return r;
+}
+
+// The board's driver takes ten-bit ASI words in this pixel format.
+constexpr uint32_t kPixelFormat = v4l2_fourcc('K', 'V', 'R', 'A');
+// Driver-private control in the DV class: the board's free-running 32-bit counter.
+constexpr uint32_t kCounterControl = 0x00a01c02;
+constexpr uint64_t kCounterHz = 148500000;
+constexpr uint64_t kUnitsPerSecond = 10000000;  // 100 ns units
+constexpr uint64_t kFramesPerSecond = 50;
+
+// Four ten-bit words pack into five bytes.
+size_t byte_limit(uint64_t samples) {
+    return samples / 4 * 5;
+}
+
+// The pixel format of either buffer type, reduced to the single-plane form.
+v4l2_pix_format pix_format_of(const v4l2_format& fmt) {
+    if (fmt.type != V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE) {
+        return fmt.fmt.pix;
+    }
+    const v4l2_pix_format_mplane& mp = fmt.fmt.pix_mp;
+    v4l2_pix_format pix{};
+    pix.width = mp.width;
+    pix.height = mp.height;
+    pix.pixelformat = mp.pixelformat;
+    pix.field = mp.field;
+    pix.colorspace = mp.colorspace;
+    if (mp.num_planes > 0) {
+        pix.bytesperline = mp.plane_fmt[0].bytesperline;
+        pix.sizeimage = mp.plane_fmt[0].sizeimage;
+    }
+    return pix;
+}
+
+// Reads the board's free-running counter.
+bool read_counter(int fd, uint32_t& value) {
+    v4l2_ext_control ctrl{};
+    ctrl.id = kCounterControl;
+    ctrl.size = sizeof(value);
+    ctrl.p_u32 = &value;
+    v4l2_ext_controls ctrls{};
+    ctrls.ctrl_class = 0;
+    ctrls.count = 1;
+    ctrls.controls = &ctrl;
+    return xioctl(fd, VIDIOC_G_EXT_CTRLS, &ctrls) != -1;
+}
+
+}  // namespace
+
+kv_v4l2_asi_output_device::~kv_v4l2_asi_output_device() {
+    close_device();
+}
+
+uint64_t kv_v4l2_asi_output_device::frame_to_unit(uint32_t nFrame) {
+    return static_cast<uint64_t>(static_cast<unsigned __int128>(nFrame) * kUnitsPerSecond /
+                                 kFramesPerSecond);
+}
+
+bool kv_v4l2_asi_output_device::open_device(const std::string& name) {
+    close_device();
+    m_bStarted = false;
+    m_nTimeStamp = 0;
+    m_nLastTimeStamp = 0;
+    m_seq_frame = 0;
+    m_curr_buff_index = 0;
+    m_nSkipFrame = 0;
+
+    const int fd = ::open(name.c_str(), O_RDWR);
+    if (fd == -1) {
+        g_print("kv_asi_renderer: Can't open asi device: %s\n", name.c_str());
+        return false;
+    }
+    m_hASI = fd;
+    g_print("kv_asi_renderer: Open asi device: %s\n", name.c_str());
+
+    if (set_video_format(fd) && mmap_buffers(fd)) {
+        m_strASIName = name;
+        return true;
+    }
+    close_device();
+    return false;
+}
+
+void kv_v4l2_asi_output_device::close_device() {
+    if (m_bStarted) {
+        stop();
+    }
+    unmmap_buffers();
+    // Descriptor 0 is deliberately left open: it is the host's stdin far more often
+    // than a device node.
+    const int fd = m_hASI.exchange(-1);
+    if (fd > 0) {
+        ::close(fd);
+    }
+}
+
+bool kv_v4l2_asi_output_device::set_video_format(int fd) {
+    if (fd == -1) {
+        return false;
+    }
+    // Try the single-plane output type first; a driver that only knows multi-planar
+    // output refuses it and is driven through that type from then on.
+    v4l2_format fmt{};
+    fmt.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
+    if (xioctl(fd, VIDIOC_G_FMT, &fmt) == -1) {
+        fmt = v4l2_format{};
+        m_eDeviceType = V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE;
+        fmt.type = m_eDeviceType;
+        if (xioctl(fd, VIDIOC_G_FMT, &fmt) == -1) {
+            g_print("kv_asi_renderer: Can't get VIDIOC_G_FMT #1\n");
+            return false;
+        }
+    } else {
+        m_eDeviceType = V4L2_BUF_TYPE_VIDEO_OUTPUT;
+    }
+
+    // Everything else (size, field, image size) stays as the driver reports it.
+    if (m_eDeviceType == V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE) {
+        fmt.fmt.pix_mp.pixelformat = kPixelFormat;
+    } else {
+        fmt.fmt.pix.pixelformat = kPixelFormat;
+    }
+    if (xioctl(fd, VIDIOC_S_FMT, &fmt) == -1) {
+        g_print("kv_asi_renderer: Can't get VIDIOC_S_FMT\n");
+        return false;
+    }
+    return true;
+}
+
+bool kv_v4l2_asi_output_device::mmap_buffers(int fd) {
+    v4l2_format fmt{};
+    fmt.type = m_eDeviceType;
+    if (xioctl(fd, VIDIOC_G_FMT, &fmt) == -1) {
+        g_print("kv_asi_renderer: Can't get VIDIOC_G_FMT #2\n");
+        return false;
+    }
+    m_fmtASI = pix_format_of(fmt);
+
+    v4l2_requestbuffers req{};
+    req.count = m_nBuffers;
+    req.type = m_eDeviceType;
+    req.memory = V4L2_MEMORY_MMAP;
+    // A driver that grants no buffer at all cannot stream either.
+    if (xioctl(fd, VIDIOC_REQBUFS, &req) == -1 || req.count == 0) {
+        g_print("kv_asi_renderer: Can't request asi buffers\n");
+        return false;
+    }
+    const uint32_t count = req.count;
+    const size_t limit = byte_limit(m_nSampesPerFrame);
+    // Records point into themselves (buf.m.planes), so the vector must never grow
+    // past what is reserved here.
+    m_vASIBuf.reserve(count);
+
+    for (uint32_t i = 0; i < count; ++i) {
+        m_vASIBuf.emplace_back();
+        kv_v4l2_buffers& rec = m_vASIBuf.back();
+        rec.buf.type = m_eDeviceType;
+        rec.buf.memory = V4L2_MEMORY_MMAP;
+        rec.buf.index = i;
+        void* p = MAP_FAILED;
+        if (m_eDeviceType == V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE) {
+            rec.buf.length = 1;
+            rec.buf.m.planes = rec.planes;
+            if (xioctl(fd, VIDIOC_QUERYBUF, &rec.buf) == -1) {
+                m_vASIBuf.pop_back();
+                g_print("kv_asi_renderer: Can't map asi mplane buffer #%d/%d\n",
+                        static_cast<int>(i + 1), static_cast<int>(count));
+                return false;
+            }
+            rec.buf.m.planes = rec.planes;
+            v4l2_plane& plane = rec.planes[0];
+            // Never claim more bytes than the buffer holds: the driver refuses that.
+            plane.bytesused = static_cast<uint32_t>(std::min<size_t>(limit, plane.length));
+            p = ::mmap(nullptr, plane.length, PROT_READ | PROT_WRITE, MAP_SHARED, fd,
+                       plane.m.mem_offset);
+            if (p == MAP_FAILED) {
+                g_print("kv_asi_renderer: Can't map field[0] for bufer[%d<%d]\n",
+                        static_cast<int>(i), static_cast<int>(count));
+            } else {
+                rec.nSize = plane.length;
+            }
+        } else {
+            if (xioctl(fd, VIDIOC_QUERYBUF, &rec.buf) == -1) {
+                m_vASIBuf.pop_back();
+                g_print("kv_asi_renderer: Can't map asi splane buffer #%d/%d\n",
+                        static_cast<int>(i + 1), static_cast<int>(count));
+                return false;
+            }
+            rec.buf.bytesused = static_cast<uint32_t>(std::min<size_t>(limit, rec.buf.length));
+            p = ::mmap(nullptr, rec.buf.length, PROT_READ | PROT_WRITE, MAP_SHARED, fd,
+                       rec.buf.m.offset);
+            // A failed mapping leaves an empty record; the size warning below reports it.
+            if (p != MAP_FAILED) {
+                rec.nSize = rec.buf.length;
+            }
+        }
+        rec.pData = p == MAP_FAILED ? nullptr : static_cast<uint8_t*>(p);
+    }
+
+    for (size_t i = 0; i < m_vASIBuf.size(); ++i) {
+        if (m_vASIBuf[i].nSize < limit) {
+            g_print("kv_asi_renderer: buffer[%ld] has size %ld < %ld=limit !!!!!\n",
+                    static_cast<long>(i), static_cast<long>(m_vASIBuf[i].nSize),
+                    static_cast<long>(limit));
+        }
+    }
+    m_buffer_size = m_fmtASI.sizeimage;
+    return true;
+}
+
+void kv_v4l2_asi_output_device::unmmap_buffers() {
+    for (kv_v4l2_buffers& rec : m_vASIBuf) {
+        if (rec.pData != nullptr) {
+            ::munmap(rec.pData, rec.nSize);
+        }
+    }
+    m_vASIBuf.clear();
+}
+
+bool kv_v4l2_asi_output_device::start() {
+    if (m_hASI < 1) {
+        return true;
+    }
+    int type = m_eDeviceType;
+    if (xioctl(m_hASI, VIDIOC_STREAMON, &type) == -1) {
+        g_print("kv_asi_renderer: Can't stream on, device = %s\n", m_strASIName.c_str());
+        return false;
+    }
+    m_bStarted = true;
+    return true;
+}
+
+void kv_v4l2_asi_output_device::stop() {
+    m_bStarted = false;
+    if (m_hASI != -1) {
+        int type = m_eDeviceType;
+        if (xioctl(m_hASI, VIDIOC_STREAMOFF, &type) == -1) {
+            g_print("kv_asi_renderer: Can't stream off, device = %s\n", m_strASIName.c_str());
+        }
+    }
+}
+
+bool kv_v4l2_asi_output_device::map(uint64_t& tBegin, uint64_t& tEnd, uint8_t** pData,
+                                    uint64_t& nSize) {
+    if (!is_open()) {
+        return false;
+    }
+    m_cur_buffer = v4l2_buffer{};
+    m_cur_planes[0] = v4l2_plane{};
+    m_cur_buffer.memory = V4L2_MEMORY_MMAP;
+    m_cur_buffer.type = m_eDeviceType;
+
+    const uint32_t records = static_cast<uint32_t>(m_vASIBuf.size());
+    kv_v4l2_buffers* rec = nullptr;
+    if (m_curr_buff_index < records) {
+        // Priming: the buffer has never been queued, so it is ours without asking.
+        rec = &m_vASIBuf[m_curr_buff_index];
+        m_cur_buffer = rec->buf;
+        const uint32_t frame = m_seq_frame.fetch_add(1);
+        tBegin = frame_to_unit(frame);
+        tEnd = frame_to_unit(frame + 1);
+    } else {
+        if (m_eDeviceType == V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE) {
+            m_cur_buffer.m.planes = m_cur_planes;
+            m_cur_buffer.length = 1;
+        }
+        if (xioctl(m_hASI, VIDIOC_DQBUF, &m_cur_buffer) == -1 || m_cur_buffer.index >= records) {
+            g_print("kv_asi_renderer: Can't DQBUF\n");
+            return false;
+        }
+        rec = &m_vASIBuf[m_cur_buffer.index];
+        rec->buf = m_cur_buffer;
+        if (m_eDeviceType == V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE) {
+            rec->planes[0] = m_cur_planes[0];
+            rec->buf.m.planes = rec->planes;
+        }
+
+        // The buffer we refill is numbered from the driver's sequence of the frame
+        // it last carried, records - 1 frames on. Any number other than the next one
+        // means the driver sent frames of its own in between (or repeated one).
+        const uint32_t seq = m_seq_frame;
+        const uint32_t n = m_cur_buffer.sequence + records - 1;
+        if (n != seq + 1) {
+            const uint32_t skipped = n - 1 - seq;
+            g_print("kv_asi_renderer: skip frame = %u  %u->%u/%u\n", skipped, seq, n, records);
+            m_nSkipFrame += skipped;
+        }
+        m_seq_frame = n;
+        tBegin = frame_to_unit(n);
+        tEnd = frame_to_unit(n + 1);
+    }
+
+    *pData = rec->pData;
+    nSize = rec->nSize;
+    m_cur_data_size = 0;
+    return true;
+}
+
+bool kv_v4l2_asi_output_device::unmap() {
+    if (!is_open() || m_cur_buffer.index >= m_vASIBuf.size()) {
+        return false;
+    }
+    kv_v4l2_buffers& rec = m_vASIBuf[m_cur_buffer.index];
+    // Whatever the engine did not fill goes out as idle (all-zero) words.
+    if (m_cur_data_size < rec.nSize) {
+        std::memset(rec.pData + m_cur_data_size, 0, rec.nSize - m_cur_data_size);
+    }
+    ++m_curr_buff_index;
+
+    if (xioctl(m_hASI, VIDIOC_QBUF, &m_cur_buffer) == -1) {
+        g_print("kv_asi_renderer: -1 == ::xioctl(m_hASI, VIDIOC_QBUF, &m_cur_buffer)\n");
+        return false;
+    }
+    // Streaming starts once the whole ring is queued; a driver that granted fewer
+    // buffers than asked for gets its smaller ring.
+    const uint64_t ring = std::min<uint64_t>(m_nBuffers, m_vASIBuf.size());
+    if (m_curr_buff_index < ring) {
+        return true;
+    }
+    if (!m_bStarted) {
+        return start();
+    }
+    return true;
+}
+
+int64_t kv_v4l2_asi_output_device::get_clock_time() {
+    // The counter is 32 bits wide and wraps about every 29 s; unsigned subtraction
+    // gives the ticks elapsed since the previous reading across a wrap. Both the
+    // output and the streaming thread read the clock, so a reading is accounted only
+    // if no other thread accounted one after we loaded the total; otherwise the
+    // counter is read again. An older reading accounted after a newer one would
+    // look like a full wrap and throw the clock 29 s ahead. The low 32 bits of the
+    // total always equal the last accounted reading, as both start from zero.
+    uint64_t total = m_nTimeStamp.load();
+    for (;;) {
+        uint32_t counter = 0;
+        if (!read_counter(m_hASI, counter)) {
+            g_print("kv_asi_renderer: -1 == nErr\n");
+            // Without the counter, fall back on the frame count.
+            const float t =
+                static_cast<float>(static_cast<uint64_t>(m_seq_frame) * kUnitsPerSecond);
+            return static_cast<int64_t>(t / 50.0);
+        }
+        const uint32_t delta = counter - static_cast<uint32_t>(total);
+        if (m_nTimeStamp.compare_exchange_strong(total, total + delta)) {
+            m_nLastTimeStamp = counter;
+            total += delta;
+            break;
+        }
+    }
+    return static_cast<int64_t>(static_cast<unsigned __int128>(total) * kUnitsPerSecond /
+                                kCounterHz);
+}

@@ -1,0 +1,100 @@
+#pragma once
+
+#include <linux/videodev2.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "kv_asi_renderer/kv_data_provider.h"
+#include "mpegcore/kv_clock.h"
+
+// One driver buffer mapped into our address space.
+struct kv_v4l2_buffers {
+    uint8_t* pData = nullptr;  // the mapping, null when mapping failed
+    size_t nSize = 0;          // mapped length in bytes
+    v4l2_buffer buf{};         // the buffer as last exchanged with the driver
+    // Its plane in multi-planar mode; buf.m.planes points here, so a record must
+    // not move once it has been filled in.
+    v4l2_plane planes[1]{};
+};
+
+// One DVB-ASI output port driven through its V4L2 output node. The output line runs
+// at 27,000,000 ten-bit words per second, cut into frames of 1/50 s; one driver buffer
+// carries one frame (540000 words packed into 675000 bytes). The engine takes buffers
+// with map(), fills them and gives them back with unmap(); the first unmap() calls
+// prime the ring without dequeuing and the one that completes the ring turns
+// streaming on. The board's free-running 148.5 MHz counter makes the device the
+// system's reference clock.
+//
+// map, unmap and set_data_size belong to the output thread; get_clock_time may be
+// called from any thread; open_device and close_device only while no output thread
+// runs.
+class kv_v4l2_asi_output_device : public kv_data_provider, public mpegcore::kv_clock {
+public:
+    kv_v4l2_asi_output_device() = default;
+    ~kv_v4l2_asi_output_device() override;
+
+    kv_v4l2_asi_output_device(const kv_v4l2_asi_output_device&) = delete;
+    kv_v4l2_asi_output_device& operator=(const kv_v4l2_asi_output_device&) = delete;
+
+    // kv_data_provider
+    bool start() override;
+    void stop() override;
+    bool map(uint64_t& tBegin, uint64_t& tEnd, uint8_t** pData, uint64_t& nSize) override;
+    bool unmap() override;
+    uint64_t get_samples_per_frame() override { return m_nSampesPerFrame; }
+
+    // mpegcore::kv_clock: the board clock in 100 ns since the node was opened.
+    int64_t get_clock_time() override;
+
+    // Closes whatever is open, resets every counter (the clock accumulator too),
+    // opens and formats the node and maps its buffers.
+    bool open_device(const std::string& name);
+    void close_device();
+    bool is_open() const { return m_hASI >= 0; }
+
+    // Bytes of the current buffer the engine filled; unmap zeroes the rest.
+    void set_data_size(size_t size) { m_cur_data_size = size; }
+
+    // Frames the driver sent without new data from us, seen as sequence gaps.
+    uint64_t get_skip_frame() const { return m_nSkipFrame; }
+
+    // Buffer type in use (single-plane or multi-planar output), number of mapped
+    // driver buffers and the negotiated image size.
+    v4l2_buf_type get_device_type() const { return m_eDeviceType; }
+    size_t get_buffer_count() const { return m_vASIBuf.size(); }
+    size_t get_buffer_size() const { return m_buffer_size; }
+
+    // Device time of the start of frame nFrame, in 100 ns.
+    static uint64_t frame_to_unit(uint32_t nFrame);
+
+    bool set_video_format(int fd);
+    bool mmap_buffers(int fd);
+    void unmmap_buffers();
+
+private:
+    // Atomic because the streaming thread reads the clock through it while the output
+    // thread may be reopening the node after a FIFO reset.
+    std::atomic<int> m_hASI{-1};
+    v4l2_buf_type m_eDeviceType = V4L2_BUF_TYPE_VIDEO_OUTPUT;
+    v4l2_pix_format m_fmtASI{};
+    const uint32_t m_nBuffers = 6;
+    std::vector<kv_v4l2_buffers> m_vASIBuf;
+    const uint64_t m_nSampesPerFrame = 540000;
+    size_t m_buffer_size = 0;
+    std::string m_strASIName;
+    uint64_t m_nSkipFrame = 0;
+    v4l2_buffer m_cur_buffer{};
+    v4l2_plane m_cur_planes[1]{};
+    size_t m_cur_data_size = 0;
+    uint64_t m_curr_buff_index = 0;
+    std::atomic<uint32_t> m_seq_frame{0};
+    bool m_bStarted = false;
+    std::mutex m_csTimeStamp;  // not taken: the clock path is lock-free
+    std::atomic<uint64_t> m_nTimeStamp{0};
+    std::atomic<uint32_t> m_nLastTimeStamp{0};
+};

@@ -1,0 +1,93 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <list>
+
+#include "mpegcore/BaseMpegTable.h"
+#include "mpegcore/kvdescriptorlist.h"
+
+namespace mpegcore {
+
+// One transport stream of a BAT section. It is itself a descriptor list, which is not used;
+// its descriptors are in `descriptors`.
+class CBouquetAssociationStream : public KVDescriptorList {
+public:
+    CBouquetAssociationStream() = default;
+    ~CBouquetAssociationStream() override = default;
+
+    CBouquetAssociationStream(const CBouquetAssociationStream&) = delete;
+    CBouquetAssociationStream& operator=(const CBouquetAssociationStream&) = delete;
+
+    // Copies the scalar fields and a deep copy of the descriptors. The target's
+    // transport_descriptors_length becomes the copied list's size plus the 6 bytes of the
+    // entry's own header.
+    void copyTo(CBouquetAssociationStream& to) const;
+    // Size in the section: the 6 fixed bytes and the descriptors.
+    uint16_t getSize() const { return static_cast<uint16_t>(6 + descriptors.getSize()); }
+
+    uint16_t transport_stream_id = 0;           // 16 bits
+    uint16_t original_network_id = 0;           // 16
+    uint8_t reserved_future_use = 0;            // 4
+    uint16_t transport_descriptors_length = 0;  // 12
+    KVDescriptorList descriptors;
+};
+
+// One section of a Bouquet Association Table.
+//
+// The transport descriptors of every entry are read into the table's own `descriptors`,
+// behind the bouquet descriptors, and the entries' lists stay empty: consumers find all
+// descriptors of a section in `descriptors`. The entries are owned by the table.
+class CBAT : public CBaseMpegTable {
+public:
+    using StreamList = std::list<CBouquetAssociationStream*>;
+
+    explicit CBAT(uint8_t* buffer = nullptr, long size = 1024);
+    ~CBAT() override;
+
+    // Deletes the entries, empties the descriptors and the scratch buffer.
+    void Clear() override;
+    // Refuses an incomplete section, one with a bad CRC and one whose descriptor loops run
+    // past the data or hold a descriptor that is refused. The table id is not checked.
+    // Fields read before a refusal stay as read.
+    bool read(KVSDK::KVBSReader& r) override;
+    // 13 + the descriptors + every entry's size.
+    uint16_t calc_section_length() override;
+    // Sum of the entries' sizes (6 + their own descriptors each).
+    uint16_t calc_transport_stream_loop_length() const;
+
+    // Writes the section into the scratch buffer: the common header (section_length from
+    // calc_section_length()), the header fields, bouquet_descriptors_length and
+    // transport_stream_loop_length recomputed and stored back, the entries with their
+    // stored transport_descriptors_length and their own descriptors, and the CRC if it
+    // still fits. Fields that do not fit the buffer are dropped. Returns true when the
+    // whole section fitted.
+    bool RenderTable();
+
+    // Copies the header fields, the descriptors, the CRC and appends a copy of every entry
+    // to the target's list (which is not emptied first). The target's
+    // transport_stream_loop_length counts the appended entries only; its section_length is
+    // this table's. A null target (or this table itself) is ignored.
+    void copyTo(CBAT* target) const;
+    void copyTo(CBAT& target) const { copyTo(&target); }
+
+    uint16_t bouquet_id = 0;                    // 16 bits
+    uint8_t reserved1 = 0;                      // 2
+    uint8_t version_number = 0;                 // 5
+    uint8_t current_next_indicator = 0;         // 1
+    uint8_t section_number = 0;                 // 8
+    uint8_t last_section_number = 0;            // 8
+    uint8_t reserved_future_use2 = 0;           // 4
+    uint16_t bouquet_descriptors_length = 0;    // 12
+    KVDescriptorList descriptors;               // bouquet and transport descriptors
+    uint8_t reserved_future_use3 = 0;           // 4
+    uint16_t transport_stream_loop_length = 0;  // 12
+    StreamList BouquetAssociationStreamList;    // owned
+    uint32_t CRC = 0;
+
+private:
+    void deleteStreams();
+    uint16_t section_length_of_contents() const;
+};
+
+}  // namespace mpegcore

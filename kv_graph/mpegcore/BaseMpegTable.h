@@ -1,0 +1,132 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "kvcore/kv_bitstream.h"
+
+namespace mpegcore {
+
+// CRC-32/MPEG-2 lookup table: polynomial 0x04C11DB7, not reflected.
+extern const std::array<uint32_t, 256> g_MPEG2_PSI_CRC_32_Lookup;
+
+// CRC-32/MPEG-2 of `size` bytes, continuing from `crc` (initial value 0xFFFFFFFF, no
+// final XOR). Over a whole section including its CRC field the result is 0.
+uint32_t crc32_mpeg2(const uint8_t* data, size_t size, uint32_t crc = 0xFFFFFFFF);
+
+// Base of every PSI/SI table: the common section header, a raw-byte scratch buffer and
+// the read/write interface that each table fills in.
+class CBaseMpegTable {
+public:
+    // Uses `buffer` of `size` bytes as scratch buffer, or allocates and owns `size` bytes
+    // when `buffer` is null.
+    explicit CBaseMpegTable(uint8_t* buffer = nullptr, size_t size = 1024);
+    virtual ~CBaseMpegTable();
+
+    CBaseMpegTable(const CBaseMpegTable&) = delete;
+    CBaseMpegTable& operator=(const CBaseMpegTable&) = delete;
+
+    // Zeroes the scratch buffer and empties it. Derived tables also empty their contents.
+    virtual void Clear();
+
+    // Reads the common header: table_id (8), section_syntax_indicator (1), zero (1),
+    // reserved (2), section_length (12). Stops early, leaving the rest unchanged, when the
+    // data runs out; returns true. Derived tables read their body and return false when
+    // the section is incomplete or corrupt.
+    virtual bool read(KVSDK::KVBSReader& r);
+
+    // Writes the common header with section_length taken from calc_section_length().
+    // Returns false when the writer ran out of room.
+    virtual bool write(KVSDK::KVBSWriter& w);
+
+    // Bytes that follow the section_length field: header fields, body and the 4-byte CRC.
+    virtual uint16_t calc_section_length() { return section_length; }
+
+    // Appends raw bytes to the scratch buffer. Refuses (false) when there is no buffer
+    // or when the bytes would not leave at least one byte free.
+    bool AddData(const uint8_t* data, size_t n);
+    const uint8_t* GetBuffer() const { return m_pDataTable; }
+    uint8_t* GetBuffer() { return m_pDataTable; }
+    size_t GetSizeBuffer() const { return m_lSizeTable; }
+
+    uint8_t table_id = 0;
+    uint8_t section_syntax_indicator = 0;
+    uint8_t zero = 0;
+    uint8_t reserved = 0;
+    uint16_t section_length = 0;
+
+protected:
+    // Reads the common header and checks that the whole section is at hand and that its
+    // CRC is good. The section starts at the reader's position; the reader is left behind
+    // the header. Returns false for an incomplete or corrupt section.
+    bool read_section_header(KVSDK::KVBSReader& r);
+
+    // Ends a section that was started at `section_start` (the writer's data pointer, after
+    // a flush, before the header was written): flushes the writer, writes the CRC of all
+    // bytes from there, stores it in `crc` and flushes again. False when it did not fit.
+    static bool write_crc(KVSDK::KVBSWriter& w, const uint8_t* section_start, uint32_t& crc);
+
+    // Copies the common header fields (not the scratch buffer).
+    void copyHeaderTo(CBaseMpegTable& to) const;
+    bool sameHeader(const CBaseMpegTable& other) const;
+
+    uint8_t* m_pDataTable = nullptr;
+    size_t m_lSizeTable = 0;
+    size_t m_lMaxSize = 0;
+    bool m_bSelfAlloc = false;
+};
+
+// Two tables of one type: the one being parsed and the last complete one, so that the
+// last complete table stays readable while the next section is parsed.
+template <class T>
+class CPacketWrapper {
+public:
+    CPacketWrapper() : m_pCurrent(new T()), m_pLast(new T()) {}
+
+    CPacketWrapper(const CPacketWrapper&) = delete;
+    CPacketWrapper& operator=(const CPacketWrapper&) = delete;
+
+    // Parses a section into the current table. On success the tables swap places, the
+    // new current one is cleared and the wrapper becomes valid; on failure nothing else
+    // changes and the last complete table stays in place.
+    bool Parser(KVSDK::KVBSReader& r) {
+        if (!m_pCurrent->read(r)) {
+            return false;
+        }
+        m_pCurrent.swap(m_pLast);
+        m_pCurrent->Clear();
+        m_IsValid = true;
+        return true;
+    }
+
+    bool AddData(const uint8_t* data, size_t n) { return m_pCurrent->AddData(data, n); }
+
+    // Makes a copy of `table` the last complete table.
+    void set(const T& table) {
+        table.copyTo(*m_pLast);
+        m_IsValid = true;
+    }
+
+    bool IsValid() const { return m_IsValid; }
+
+    void Clear() {
+        m_IsValid = false;
+        m_pCurrent->Clear();
+        m_pLast->Clear();
+    }
+
+    // Last complete table (meaningful while IsValid()).
+    T* GetLast() { return m_pLast.get(); }
+    const T* GetLast() const { return m_pLast.get(); }
+    // Table being parsed.
+    T* GetCurrent() { return m_pCurrent.get(); }
+
+private:
+    bool m_IsValid = false;
+    std::unique_ptr<T> m_pCurrent;
+    std::unique_ptr<T> m_pLast;
+};
+
+}  // namespace mpegcore

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "mpegcore/BaseMpegTable.h"
+#include "mpegcore/kvdescriptorlist.h"
+
+namespace mpegcore {
+
+// One elementary stream of a PMT.
+class CBaseStreamTypeMap {
+public:
+    CBaseStreamTypeMap() = default;
+    virtual ~CBaseStreamTypeMap() = default;
+
+    CBaseStreamTypeMap(const CBaseStreamTypeMap&) = delete;
+    CBaseStreamTypeMap& operator=(const CBaseStreamTypeMap&) = delete;
+
+    // Encoded size: the 5 fixed bytes and the descriptors.
+    uint16_t getSize() const { return static_cast<uint16_t>(5 + descriptors.getSize()); }
+    void copyTo(CBaseStreamTypeMap& to) const;
+
+    uint8_t stream_type = 0;      // 8 bits
+    uint8_t reserved1 = 0;        // 3
+    uint16_t elementary_PID = 0;  // 13
+    uint8_t reserved2 = 0;        // 4
+    uint16_t ES_info_length = 0;  // 12
+    KVDescriptorList descriptors;
+};
+
+// Program Map Table of one program: PCR PID, program descriptors and the elementary
+// streams keyed by their PID (a later entry with the same PID replaces an earlier one).
+class CPMT : public CBaseMpegTable {
+public:
+    using StreamMap = std::map<uint16_t, std::shared_ptr<CBaseStreamTypeMap>>;
+
+    explicit CPMT(uint8_t* buffer = nullptr, size_t size = 1024);
+    ~CPMT() override = default;
+
+    void Clear() override;
+    // Refuses a section whose table id is not 0x02 or whose zero bit is set, an incomplete
+    // one, one with a bad CRC, and one whose descriptor loops run past the data.
+    bool read(KVSDK::KVBSReader& r) override;
+    // Writes the whole section, CRC included; the two info lengths are taken from the
+    // descriptor lists.
+    bool write(KVSDK::KVBSWriter& w) override;
+    uint16_t calc_section_length() override;
+
+    // Compares the header fields, the descriptor sizes and the streams (not the CRC).
+    bool operator!=(const CPMT& other) const;
+    bool operator==(const CPMT& other) const { return !(*this != other); }
+    void copyTo(CPMT& to) const;
+    // One line per field and per stream.
+    std::string RenderTable() const;
+
+    // Stream entry of `pid`, or nullptr.
+    const CBaseStreamTypeMap* find(uint16_t pid) const;
+
+    uint16_t program_number = 0;         // 16 bits
+    uint8_t reserved1 = 0;               // 2
+    uint8_t version_number = 0;          // 5
+    uint8_t current_next_indicator = 0;  // 1
+    uint8_t section_number = 0;          // 8
+    uint8_t last_section_number = 0;     // 8
+    uint8_t reserved2 = 0;               // 3
+    uint16_t PCR_PID = 0;                // 13
+    uint8_t reserved3 = 0;               // 4
+    uint16_t program_info_length = 0;    // 12
+    KVDescriptorList descriptors;
+    StreamMap stream_map;
+    uint32_t CRC = 0;
+};
+
+}  // namespace mpegcore

@@ -1,0 +1,239 @@
+// CAT, TSDT, TDT and TOT sections: fields at their bit positions, refusal of broken
+// sections, the TDT without CRC, the TOT reading zeros past the data, and copyTo.
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "mpegcore/CAT.h"
+#include "mpegcore/TDT.h"
+#include "mpegcore/TOT.h"
+#include "mpegcore/TSDT.h"
+
+using namespace mpegcore;
+using Bytes = std::vector<uint8_t>;
+
+namespace {
+
+// A whole section: table_id, the flag nibble, section_length over `body` and the CRC, the
+// body and a correct CRC.
+Bytes section(uint8_t table_id, uint8_t flags, const Bytes& body) {
+    const size_t length = body.size() + 4;
+    Bytes s{table_id, uint8_t(flags | (length >> 8)), uint8_t(length)};
+    s.insert(s.end(), body.begin(), body.end());
+    const uint32_t crc = crc32_mpeg2(s.data(), s.size());
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        s.push_back(uint8_t(crc >> shift));
+    }
+    return s;
+}
+
+Bytes cat(std::initializer_list<Bytes> parts) {
+    Bytes all;
+    for (const Bytes& p : parts) {
+        all.insert(all.end(), p.begin(), p.end());
+    }
+    return all;
+}
+
+// Reads from a heap copy of exactly the given bytes, so that AddressSanitizer catches any
+// read past them.
+template <class T>
+bool read(T& table, const Bytes& bytes) {
+    const std::unique_ptr<uint8_t[]> copy(new uint8_t[bytes.size() + 1]);
+    std::copy(bytes.begin(), bytes.end(), copy.get());
+    KVSDK::KVBSReader r(copy.get(), bytes.size());
+    return table.read(r);
+}
+
+template <class T>
+Bytes render(T& table) {
+    table.RenderTable();
+    return Bytes(table.GetBuffer(), table.GetBuffer() + table.GetSizeBuffer());
+}
+
+template <class T>
+void expect_prefixes_refused(const Bytes& s) {
+    for (size_t n = 0; n < s.size(); ++n) {
+        T table;
+        EXPECT_FALSE(read(table, Bytes(s.begin(), s.begin() + n))) << "prefix " << n;
+    }
+}
+
+// reserved 0x2B3C5 (18 bits), version 21, not current, section 1 of 2.
+const Bytes kLoopHeader{0xAC, 0xF1, 0x6A, 0x01, 0x02};
+const Bytes kCa1{0x09, 4, 0x0B, 0x00, 0xE1, 0x23};  // system 0x0B00, PID 0x123
+const Bytes kCa2{0x09, 6, 0x18, 0x11, 0xF4, 0x56, 0xAA, 0xBB};
+const Bytes kCat = section(0x01, 0xB0, cat({kLoopHeader, kCa1, kCa2}));
+
+template <class T>
+class DescriptorLoopTable : public ::testing::Test {};
+using LoopTables = ::testing::Types<CCAT, CTSDT>;
+TYPED_TEST_SUITE(DescriptorLoopTable, LoopTables);
+
+}  // namespace
+
+TYPED_TEST(DescriptorLoopTable, ReadsFieldsAndWritesBack) {
+    TypeParam t;
+    ASSERT_TRUE(read(t, kCat));
+    EXPECT_EQ(t.section_syntax_indicator, 1);
+    EXPECT_EQ(t.zero, 0);
+    EXPECT_EQ(t.reserved1, 0x2B3C5u);
+    EXPECT_EQ(t.version_number, 21);
+    EXPECT_EQ(t.current_next_indicator, 0);
+    EXPECT_EQ(t.section_number, 1);
+    EXPECT_EQ(t.last_section_number, 2);
+    ASSERT_EQ(t.descriptors.descriptor.size(), 2u);
+    auto ca = std::dynamic_pointer_cast<CA_descriptor>(t.descriptors.descriptor.front());
+    ASSERT_TRUE(ca);
+    EXPECT_EQ(ca->CA_system_ID, 0x0B00);
+    EXPECT_EQ(ca->CA_PID, 0x123);
+    EXPECT_EQ(t.CRC, crc32_mpeg2(kCat.data(), kCat.size() - 4));
+    EXPECT_EQ(t.calc_section_length(), t.section_length);
+    EXPECT_EQ(render(t), kCat);
+    expect_prefixes_refused<TypeParam>(kCat);
+
+    Bytes bad = kCat;
+    bad[12] ^= 0x01;  // one bit of the first CA PID
+    EXPECT_FALSE(read(t, bad));
+
+    // section_length 9: no descriptors, the CRC right behind the header.
+    ASSERT_TRUE(read(t, section(0x01, 0xB0, kLoopHeader)));
+    EXPECT_TRUE(t.descriptors.descriptor.empty());
+    // A descriptor cut short inside the loop ends the list without refusing the section.
+    ASSERT_TRUE(read(t, section(0x01, 0xB0, cat({kLoopHeader, kCa1, {0x09, 8, 0x0B, 0x00}}))));
+    ASSERT_EQ(t.descriptors.descriptor.size(), 1u);
+}
+
+namespace {
+
+// A TSDT whose subclass counts a section differently.
+class CPaddedTSDT : public CTSDT {
+public:
+    uint16_t calc_section_length() override { return 100; }
+};
+class CPaddedCAT : public CCAT {
+public:
+    uint16_t calc_section_length() override { return 100; }
+};
+
+}  // namespace
+
+TEST(DescriptorLoopCopy, ReplacesDescriptorsAndSetsLength) {
+    CCAT source, target;
+    ASSERT_TRUE(read(source, kCat));
+    ASSERT_TRUE(read(target, section(0x01, 0xB0, cat({kLoopHeader, kCa2, kCa2, kCa2}))));
+    source.copyTo(&target);
+    source.copyTo(nullptr);
+    EXPECT_EQ(target.reserved1, 0x2B3C5u);
+    EXPECT_EQ(target.CRC, source.CRC);
+    ASSERT_EQ(target.descriptors.descriptor.size(), 2u);
+    EXPECT_NE(target.descriptors.find(0x09), source.descriptors.find(0x09));
+    EXPECT_EQ(target.section_length, 9 + 6 + 8);
+    EXPECT_EQ(render(target), kCat);
+
+    // The TSDT takes the length from the source's own calc_section_length(); the CAT
+    // counts the descriptors itself.
+    CPaddedTSDT padded_tsdt;
+    CTSDT tsdt;
+    padded_tsdt.copyTo(&tsdt);
+    EXPECT_EQ(tsdt.section_length, 100);
+    CPaddedCAT padded_cat;
+    padded_cat.copyTo(&target);
+    EXPECT_EQ(target.section_length, 9);
+    EXPECT_TRUE(target.descriptors.descriptor.empty());
+}
+
+TEST(TdtSection, NoCrcAndFixedLength) {
+    CTDT built(0xB0A2123456);
+    const Bytes expected{0x70, 0x30, 0x05, 0xB0, 0xA2, 0x12, 0x34, 0x56};
+    EXPECT_EQ(render(built), expected);
+
+    CTDT tdt;
+    ASSERT_TRUE(read(tdt, expected));
+    EXPECT_EQ(tdt.table_id, 0x70);
+    EXPECT_EQ(tdt.reserved, 3);
+    EXPECT_EQ(tdt.UTC_time, 0xB0A2123456u);
+    EXPECT_FALSE(read(tdt, Bytes(expected.begin(), expected.end() - 1)));
+    // Nothing vouches for the bytes and section_length is not checked.
+    ASSERT_TRUE(read(tdt, {0x70, 0x7F, 0xFF, 0xC0, 0xFF, 0xEE, 0xDD, 0xCC}));
+    EXPECT_EQ(tdt.section_length, 0xFFF);
+    EXPECT_EQ(tdt.UTC_time, 0xC0FFEEDDCCu);
+
+    CTDT copy;
+    tdt.copyTo(&copy);
+    tdt.copyTo(nullptr);
+    EXPECT_EQ(copy.section_length, 5);
+    EXPECT_EQ(copy.UTC_time, 0xC0FFEEDDCCu);
+    EXPECT_EQ(render(copy), (Bytes{0x70, 0x70, 0x05, 0xC0, 0xFF, 0xEE, 0xDD, 0xCC}));
+}
+
+namespace {
+
+// Two local time offset entries: GBR +01:00 changing at MJD 0xB0A2 02:00:00 to +00:00,
+// then FRA (region 3) -00:30.
+const Bytes kOffsets{0x58, 26,   'G',  'B',  'R',  0x02, 0x01, 0x00, 0xB0, 0xA2,
+                     0x02, 0x00, 0x00, 0x00, 0x00, 'F',  'R',  'A',  0x0F, 0x00,
+                     0x30, 0xB0, 0xA2, 0x02, 0x00, 0x00, 0x00, 0x30};
+const Bytes kUtc{0xB0, 0xA2, 0x12, 0x34, 0x56};
+const Bytes kTot = section(0x73, 0x70, cat({kUtc, {0xF0, uint8_t(kOffsets.size())}, kOffsets}));
+
+}  // namespace
+
+TEST(TotSection, ReadsOffsetsWritesBackAndZeroFills) {
+    CTOT tot;
+    ASSERT_TRUE(read(tot, kTot));
+    EXPECT_EQ(tot.UTC_time, 0xB0A2123456u);
+    EXPECT_EQ(tot.reserved1, 0xF);
+    EXPECT_EQ(tot.descriptors_loop_length, kOffsets.size());
+    auto lto = std::dynamic_pointer_cast<local_time_offset_descriptor>(tot.descriptors.find(0x58));
+    ASSERT_TRUE(lto);
+    ASSERT_EQ(lto->m_listEntry.size(), 2u);
+    EXPECT_EQ(lto->m_listEntry.back()->country_region_id, 3);
+    EXPECT_EQ(lto->m_listEntry.back()->local_time_offset_polarity, 1);
+    EXPECT_EQ(tot.CRC, crc32_mpeg2(kTot.data(), kTot.size() - 4));
+    tot.descriptors_loop_length = 0;  // recounted on writing
+    EXPECT_EQ(render(tot), kTot);
+    EXPECT_EQ(tot.descriptors_loop_length, kOffsets.size());
+    expect_prefixes_refused<CTOT>(kTot);
+
+    Bytes bad = kTot;
+    bad[4] ^= 0x80;
+    EXPECT_FALSE(read(tot, bad));
+    // A loop longer than the data refuses; an empty loop has the CRC right behind it.
+    EXPECT_FALSE(read(tot, section(0x73, 0x70, cat({kUtc, {0xFF, 0xFF}}))));
+    const Bytes empty = section(0x73, 0x70, cat({kUtc, {0xF0, 0x00}}));
+    ASSERT_TRUE(read(tot, empty));
+    EXPECT_TRUE(tot.descriptors.descriptor.empty());
+    EXPECT_EQ(tot.CRC, crc32_mpeg2(empty.data(), empty.size() - 4));
+
+    // section_length 4, whose four bytes are the CRC of the header: the fields behind them
+    // lie past the data and read as 0, replacing what the table held.
+    ASSERT_TRUE(read(tot, kTot));
+    const Bytes tiny = section(0x73, 0x70, {});
+    ASSERT_TRUE(read(tot, tiny));
+    EXPECT_EQ(tot.UTC_time, 0u);
+    EXPECT_EQ(tot.reserved1, 0);
+    EXPECT_EQ(tot.descriptors_loop_length, 0);
+    EXPECT_TRUE(tot.descriptors.descriptor.empty());
+    EXPECT_EQ(tot.CRC, 0u);
+}
+
+TEST(TotSection, CopyToRecountsTheLoop) {
+    CTOT source, target;
+    ASSERT_TRUE(read(source, kTot));
+    ASSERT_TRUE(read(target, section(0x73, 0x70, cat({kUtc, {0xF0, 3, 0xF0, 1, 0x99}}))));
+    source.descriptors_loop_length = 999;
+    source.copyTo(&target);
+    source.copyTo(nullptr);
+    EXPECT_EQ(target.UTC_time, 0xB0A2123456u);
+    EXPECT_EQ(target.descriptors_loop_length, kOffsets.size());
+    EXPECT_EQ(target.section_length, 11 + kOffsets.size());
+    ASSERT_EQ(target.descriptors.descriptor.size(), 1u);
+    EXPECT_NE(target.descriptors.find(0x58), source.descriptors.find(0x58));
+    EXPECT_EQ(render(target), kTot);
+    source.Clear();
+    EXPECT_TRUE(source.descriptors.descriptor.empty());
+}

@@ -1,0 +1,227 @@
+// EIT sections: fields at their bit positions, the event loop bounds, refusal of broken
+// sections, writing and copyTo, and the start-time and duration conversions.
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <ctime>
+#include <memory>
+#include <vector>
+
+#include "mpegcore/EIT.h"
+
+using namespace mpegcore;
+using Bytes = std::vector<uint8_t>;
+
+namespace {
+
+// A whole section: table_id, syntax and private bits set, section_length over `body` and
+// the CRC, the body and a correct CRC.
+Bytes section(uint8_t table_id, const Bytes& body) {
+    const size_t length = body.size() + 4;
+    Bytes s{table_id, uint8_t(0xF0 | (length >> 8)), uint8_t(length)};
+    s.insert(s.end(), body.begin(), body.end());
+    const uint32_t crc = crc32_mpeg2(s.data(), s.size());
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        s.push_back(uint8_t(crc >> shift));
+    }
+    return s;
+}
+
+Bytes cat(std::initializer_list<Bytes> parts) {
+    Bytes all;
+    for (const Bytes& p : parts) {
+        all.insert(all.end(), p.begin(), p.end());
+    }
+    return all;
+}
+
+// Reads from a heap copy of exactly the given bytes, so that AddressSanitizer catches any
+// read past them.
+bool read(CEIT& table, const Bytes& bytes) {
+    const std::unique_ptr<uint8_t[]> copy(new uint8_t[bytes.size() + 1]);
+    std::copy(bytes.begin(), bytes.end(), copy.get());
+    KVSDK::KVBSReader r(copy.get(), bytes.size());
+    return table.read(r);
+}
+
+Bytes render(CEIT& table) {
+    table.RenderTable();
+    return Bytes(table.GetBuffer(), table.GetBuffer() + table.GetSizeBuffer());
+}
+
+// Service 0x1234, version 5, current, section 0 of 1, ts 0x0456, network 0x0789, segment
+// last 1, last table 0x4F.
+const Bytes kHeader{0x12, 0x34, 0xCB, 0x00, 0x01, 0x04, 0x56, 0x07, 0x89, 0x01, 0x4F};
+const Bytes kShortEvent{0x4D, 8, 'e', 'n', 'g', 3, 'N', 'e', 'w', 0};
+// Event 0xBEEF at MJD 0xB0A2 12:34:56 for 1:30:00, running 4, scrambled, one descriptor.
+const Bytes kEvent1 = cat({{0xBE, 0xEF, 0xB0, 0xA2, 0x12, 0x34, 0x56, 0x01, 0x30, 0x00, 0x90,
+                            uint8_t(kShortEvent.size())},
+                           kShortEvent});
+// Event 1 with undefined start and duration, running 1, free, no descriptors: 12 bytes.
+const Bytes kEvent2{0x00, 0x01, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x20, 0x00};
+const Bytes kEit = section(0x4E, cat({kHeader, kEvent1, kEvent2}));
+
+// Days from 1970-01-01 to a date of the proleptic Gregorian calendar.
+int64_t days_from_civil(int64_t y, unsigned m, unsigned d) {
+    y -= m <= 2;
+    const int64_t era = (y >= 0 ? y : y - 399) / 400;
+    const unsigned yoe = static_cast<unsigned>(y - era * 400);
+    const unsigned doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
+    const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+    return era * 146097 + static_cast<int64_t>(doe) - 719468;
+}
+
+uint32_t bcd(unsigned h, unsigned m, unsigned s) {
+    return (h / 10) << 20 | (h % 10) << 16 | (m / 10) << 12 | (m % 10) << 8 | (s / 10) << 4 |
+           (s % 10);
+}
+
+}  // namespace
+
+TEST(EitSection, ReadsHeaderAndEventsAndWritesBack) {
+    CEIT eit;
+    ASSERT_TRUE(read(eit, kEit));
+    EXPECT_EQ(eit.table_id, 0x4E);
+    EXPECT_EQ(eit.service_id, 0x1234);
+    EXPECT_EQ(eit.reserved1, 3);
+    EXPECT_EQ(eit.version_number, 5);
+    EXPECT_EQ(eit.current_next_indicator, 1);
+    EXPECT_EQ(eit.section_number, 0);
+    EXPECT_EQ(eit.last_section_number, 1);
+    EXPECT_EQ(eit.transport_stream_id, 0x0456);
+    EXPECT_EQ(eit.original_network_id, 0x0789);
+    EXPECT_EQ(eit.segment_last_section_number, 1);
+    EXPECT_EQ(eit.last_table_id, 0x4F);
+    // The second event fills the loop's last 12 bytes exactly and must still be read.
+    ASSERT_EQ(eit.eventInfo.size(), 2u);
+    const CEventInfo& e1 = *eit.eventInfo.front();
+    EXPECT_EQ(e1.event_id, 0xBEEF);
+    EXPECT_EQ(e1.start_time, 0xB0A2123456u);
+    EXPECT_EQ(e1.duration, 0x013000u);
+    EXPECT_EQ(e1.running_status, 4);
+    EXPECT_EQ(e1.free_CA_mode, 1);
+    EXPECT_EQ(e1.descriptors_loop_length, kShortEvent.size());
+    ASSERT_TRUE(e1.descriptors.find(0x4D));
+    const CEventInfo& e2 = *eit.eventInfo.back();
+    EXPECT_EQ(e2.start_time, 0xFFFFFFFFFFu);
+    EXPECT_EQ(e2.duration, 0xFFFFFFu);
+    EXPECT_EQ(e2.running_status, 1);
+    EXPECT_EQ(e2.free_CA_mode, 0);
+    EXPECT_EQ(eit.CRC, crc32_mpeg2(kEit.data(), kEit.size() - 4));
+    EXPECT_EQ(eit.calc_section_length(), eit.section_length);
+    EXPECT_EQ(render(eit), kEit);
+
+    // Written behind other bytes, the CRC covers the section alone.
+    Bytes out(kEit.size() + 8, 0xEE);
+    KVSDK::KVBSWriter w(out.data(), out.size());
+    w.putBits<uint8_t>(0xAA, 8);
+    ASSERT_TRUE(eit.write(w));
+    EXPECT_EQ(Bytes(out.begin() + 1, out.begin() + 1 + kEit.size()), kEit);
+    EXPECT_EQ(out[1 + kEit.size()], 0xEE);
+
+    // An event's stored loop length is written as it stands; the section length and CRC
+    // follow the bytes written.
+    eit.eventInfo.back()->descriptors_loop_length = 0x123;
+    const Bytes changed = render(eit);
+    ASSERT_EQ(changed.size(), kEit.size());
+    EXPECT_EQ(changed[changed.size() - 6], 0x21);
+    EXPECT_EQ(changed[changed.size() - 5], 0x23);
+    EXPECT_EQ(crc32_mpeg2(changed.data(), changed.size()), 0u);
+
+    // Every proper prefix is incomplete; the rest of a payload unit behind it is ignored.
+    for (size_t n = 0; n < kEit.size(); ++n) {
+        EXPECT_FALSE(read(eit, Bytes(kEit.begin(), kEit.begin() + n))) << n;
+    }
+    ASSERT_TRUE(read(eit, cat({kEit, Bytes(9, 0xFF)})));
+    EXPECT_EQ(eit.eventInfo.size(), 2u) << "a retried read starts a fresh event list";
+}
+
+TEST(EitSection, EventLoopBoundsAndRefusals) {
+    CEIT eit;
+    // No events; 11 spare bytes cannot hold one.
+    ASSERT_TRUE(read(eit, section(0x4F, kHeader)));
+    EXPECT_EQ(eit.section_length, 15);
+    EXPECT_TRUE(eit.eventInfo.empty());
+    ASSERT_TRUE(read(eit, section(0x4F, cat({kHeader, Bytes(11, 0)}))));
+    EXPECT_TRUE(eit.eventInfo.empty());
+
+    Bytes bad = kEit;
+    bad[20] ^= 0x10;  // one bit of the first start time
+    EXPECT_FALSE(read(eit, bad));
+
+    // An event loop longer than all the data refuses the section.
+    Bytes overlong = kEvent2;
+    overlong[10] = 0x2F;
+    overlong[11] = 0xFF;
+    EXPECT_FALSE(read(eit, section(0x4E, cat({kHeader, overlong}))));
+
+    // A descriptor running past its event's loop does not: the event keeps what was read
+    // before it, and the events after it are read.
+    Bytes cut = kEvent1;
+    cut[11] = 4;
+    cut.resize(12 + 4);
+    ASSERT_TRUE(read(eit, section(0x4E, cat({kHeader, cut, kEvent2}))));
+    ASSERT_EQ(eit.eventInfo.size(), 2u);
+    EXPECT_TRUE(eit.eventInfo.front()->descriptors.descriptor.empty());
+    EXPECT_EQ(eit.eventInfo.back()->event_id, 1);
+}
+
+TEST(EitSection, CopyToAppendsEventsAndCountsSourceOnly) {
+    CEIT source, target;
+    ASSERT_TRUE(read(source, kEit));
+    ASSERT_TRUE(
+        read(target, section(0x60, cat({{0x99, 0x99, 0xC1, 0, 0, 0, 1, 0, 2, 0, 0x60}, kEvent2}))));
+    source.eventInfo.front()->descriptors_loop_length = 999;  // recomputed by the copy
+    source.copyTo(&target);
+    source.copyTo(nullptr);
+    source.copyTo(source);
+
+    EXPECT_EQ(source.eventInfo.size(), 2u);
+    EXPECT_EQ(target.table_id, 0x4E);
+    EXPECT_EQ(target.service_id, 0x1234);
+    EXPECT_EQ(target.last_table_id, 0x4F);
+    EXPECT_EQ(target.CRC, source.CRC);
+    ASSERT_EQ(target.eventInfo.size(), 3u);
+    const CEventInfo& copied = **std::next(target.eventInfo.begin());
+    EXPECT_EQ(copied.event_id, 0xBEEF);
+    EXPECT_EQ(copied.start_time, 0xB0A2123456u);
+    EXPECT_EQ(copied.descriptors_loop_length, kShortEvent.size());
+    EXPECT_NE(copied.descriptors.find(0x4D), source.eventInfo.front()->descriptors.find(0x4D));
+    EXPECT_EQ(target.section_length, 15 + 22 + 12);
+    source.Clear();
+    EXPECT_TRUE(source.eventInfo.empty());
+    EXPECT_TRUE(copied.descriptors.find(0x4D));
+}
+
+TEST(EventInfoTime, DurationsAndStartTimes) {
+    EXPECT_EQ(CEventInfo::time_to_duration(1, 2, 3), 0x010203u);
+    EXPECT_EQ(CEventInfo::time_to_duration(123, 0, 0), 0x1230000u);  // spills over
+    EXPECT_EQ(CEventInfo::time_to_duration(0, 60, 99), 0x6099u);
+    EXPECT_EQ(CEventInfo::sec_to_duration(5400), 0x013000u);
+    EXPECT_EQ(CEventInfo::sec_to_duration(86399), 0x235959u);
+    EXPECT_EQ(CEventInfo::sec_to_duration(360000), 0x1000000u);
+    EXPECT_EQ(CEventInfo::time_t_to_start_time(400118400), 0xB0A2000000u);  // 1982-09-06
+
+    // The date formula holds from 1900-03-01 to 2100-02-28; January and February take
+    // its other branch. Steps of a week and an odd number of seconds vary the time of day.
+    for (int64_t t = -2203891200; t < 4107456000 + 86400; t += 7 * 86400 + 3671) {
+        const int64_t days = (t >= 0 ? t : t - 86399) / 86400;
+        const unsigned sec = static_cast<unsigned>(t - days * 86400);
+        const uint64_t expected =
+            uint64_t(days + 40587) << 24 | bcd(sec / 3600, sec / 60 % 60, sec % 60);
+        ASSERT_EQ(CEventInfo::time_t_to_start_time(static_cast<time_t>(t)), expected) << t;
+    }
+
+    // Decoding puts M' - 12K into the month field and the full year into the year field:
+    // 1982-09-06 comes back as 3882-11-06. A December date lands in month 13 and rolls
+    // into February of the next year; a January date takes K = 1.
+    EXPECT_EQ(CEventInfo::start_time_to_time_t(0xB0A2123456),
+              days_from_civil(3882, 11, 6) * 86400 + 12 * 3600 + 34 * 60 + 56);
+    EXPECT_EQ(CEventInfo::start_time_to_time_t(uint64_t(45328) << 24),  // 1982-12-25
+              days_from_civil(3883, 2, 25) * 86400);
+    // The time bytes are read as hexadecimal text taken as decimal: 0x1A gives 1 and
+    // 0xA5 gives 0; 0x99 seconds are 99 seconds.
+    EXPECT_EQ(CEventInfo::start_time_to_time_t(uint64_t(60324) << 24 | 0x1AA599),  // 2024-01-15
+              days_from_civil(3924, 3, 15) * 86400 + 3600 + 99);
+}

@@ -7,24 +7,23 @@
 #include <mutex>
 
 #include "kvcore/kv_align_memory.h"
+#include "mpegcore/BAT.h"
 #include "mpegcore/BaseMpegProgram.h"
 #include "mpegcore/BaseMpegTable.h"
 #include "mpegcore/BasePID.h"
+#include "mpegcore/CAT.h"
+#include "mpegcore/EIT.h"
+#include "mpegcore/NIT.h"
 #include "mpegcore/PAT.h"
 #include "mpegcore/PMT.h"
+#include "mpegcore/SDT.h"
+#include "mpegcore/TDT.h"
+#include "mpegcore/TOT.h"
+#include "mpegcore/TSDT.h"
 #include "mpegcore/TransportPacket.h"
 #include "mpegcore/kv_mpeg_alarm_event.h"
 
 namespace mpegcore {
-
-class CCAT;
-class CTSDT;
-class CSDT;
-class CEIT;
-class CNIT;
-class CTDT;
-class CTOT;
-class CBAT;
 
 // PMT wrappers by PMT PID.
 using CMapPMT = std::map<uint16_t, std::shared_ptr<CPacketWrapper<CPMT>>>;
@@ -135,7 +134,34 @@ public:
 protected:
     void _clear();
 
+private:
+    // Parses the section under `reader` into `wrapper` with m_cs held and, on success,
+    // calls `hook` with the new table.
+    template <class T, class Hook>
+    void parse_table(KVSDK::KVBSReader reader, CPacketWrapper<T>& wrapper, Hook hook);
+    // Opens a reader on `pid`'s current payload unit positioned on the table id, behind
+    // the pointer field; false when the unit is missing or shorter than 3 bytes.
+    bool open_section(uint16_t pid, KVSDK::KVBSReader& reader, uint8_t& table_id) const;
+    void dispatch_psi(transport_packet& packet);
+    void dispatch_other(transport_packet& packet, const CDataAccumulator* completed);
+    void on_pmt_packet(uint16_t pid);
+    void copy_to_tail(const uint8_t* data, size_t size);
+
+protected:
     CPacketWrapper<CPAT> m_PAT;
+    CPacketWrapper<CCAT> m_CAT;
+    CPacketWrapper<CTSDT> m_TSDT;
+    CPacketWrapper<CEIT> m_EIT_Actual;          // table id 0x4E
+    CPacketWrapper<CEIT> m_EIT_Other;           // table id 0x4F
+    CPacketWrapper<CEIT> m_EIT_Actual_Shedule;  // table ids 0x50..0x5F
+    CPacketWrapper<CEIT> m_EIT_Other_Shedule;   // table ids 0x60..0x6F
+    CPacketWrapper<CSDT> m_SDT_Actual;          // table id 0x42
+    CPacketWrapper<CSDT> m_SDT_Other;           // table id 0x46
+    CPacketWrapper<CBAT> m_BAT;                 // table id 0x4A
+    CPacketWrapper<CNIT> m_NIT_Actual;          // table id 0x40
+    CPacketWrapper<CNIT> m_NIT_Other;           // table id 0x41
+    CPacketWrapper<CTDT> m_TDT;                 // table id 0x70
+    CPacketWrapper<CTOT> m_TOT;                 // table id 0x73
     CMapPMT m_MapPMT;
     std::unique_ptr<CBasePID[]> m_pPIDs;        // indexed by PID
     std::recursive_mutex m_cs;                  // guards the table wrappers and m_MapPMT

@@ -1,0 +1,298 @@
+#include "mpegcore/fifo/kv_mpegts_fifo.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <limits>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+using namespace mpegcore;
+
+namespace {
+
+constexpr size_t kPkt = 188;
+constexpr int64_t kEnd = std::numeric_limits<int64_t>::max();
+using timed = std::pair<int64_t, uint32_t>;  // due time, tag of the item's last packet
+
+// Appends a packet of `pid` tagged in its last four bytes; pcr >= 0 adds an adaptation
+// field carrying that PCR (27 MHz ticks).
+void add_packet(std::vector<uint8_t>& ts, uint16_t pid, uint32_t tag, int64_t pcr = -1) {
+    const size_t at = ts.size();
+    ts.resize(at + kPkt, 0xFF);
+    uint8_t* p = &ts[at];
+    const uint64_t base = uint64_t(pcr) / 300, ext = uint64_t(pcr) % 300;
+    const uint8_t head[12] = {0x47,
+                              uint8_t(pid >> 8),
+                              uint8_t(pid),
+                              uint8_t((pcr >= 0 ? 0x30 : 0x10) | (tag & 15)),
+                              7,
+                              0x10,
+                              uint8_t(base >> 25),
+                              uint8_t(base >> 17),
+                              uint8_t(base >> 9),
+                              uint8_t(base >> 1),
+                              uint8_t((base & 1) << 7 | 0x7E | ext >> 8),
+                              uint8_t(ext)};
+    std::memcpy(p, head, pcr >= 0 ? 12 : 4);
+    std::memcpy(p + kPkt - 4, &tag, 4);
+}
+
+int64_t units(int64_t pcr) {
+    return pcr * 10 / 27;
+}
+
+struct fixed_clock final : kv_clock {
+    int64_t now = 0;
+    int64_t get_clock_time() override { return now; }
+};
+
+// Everything due up to tTo, handed back at once. The window start lies after every item
+// on purpose: it must not hold late items back.
+std::vector<timed> pull(kv_mpegts_fifo& fifo, int64_t tTo) {
+    kv_mpegts_items items;
+    fifo.get_data(kEnd, tTo, items);
+    std::vector<timed> out;
+    for (auto& item : items) {
+        EXPECT_TRUE(item->has_time());
+        uint32_t tag;
+        std::memcpy(&tag, item->get_data() + item->get_length() - 4, 4);
+        out.emplace_back(item->time(), tag);
+    }
+    fifo.revert(items);
+    EXPECT_TRUE(items.empty());
+    return out;
+}
+
+TEST(FifoPcr, AnchorsInterpolationAndWindow) {
+    // Three packets before the first PCR are dropped. PID 0x100 paces; the PCR on 0x200
+    // in each run is a plain packet. Anchors every 10 packets, spacings chosen so that
+    // the per-packet step truncates.
+    const int64_t pcr[] = {27000000, 27270070, 27540139, 27810000};
+    std::vector<uint8_t> ts;
+    uint32_t tag = 0;
+    for (int i = 0; i < 3; ++i) {
+        add_packet(ts, 0x100, tag++);
+    }
+    for (int a = 0; a < 4; ++a) {
+        for (int i = 0; i < (a < 3 ? 10 : 1); ++i) {
+            add_packet(ts, i == 4 ? 0x200 : 0x100, tag++, i == 0 ? pcr[a] : i == 4 ? 1 : -1);
+        }
+    }
+    kv_mpegts_fifo fifo;
+    ASSERT_TRUE(fifo.create(100 * kPkt, kPkt, nullptr, pcr_time_type, false));
+    fifo.push_data(0, ts.data(), ts.size() - kPkt);
+    for (int a = 0; a < 3; ++a) {
+        // The third anchor is held back until the fourth arrives.
+        if (a == 2) {
+            EXPECT_TRUE(pull(fifo, kEnd).empty());
+            fifo.push_data(0, ts.data() + ts.size() - kPkt, kPkt);
+        }
+        const int64_t t0 = units(pcr[a]), step = (units(pcr[a + 1]) - t0) / 10;
+        EXPECT_EQ(fifo.get_front_time(), t0);
+        // Due exactly at the window end goes; one unit before the window end stays.
+        EXPECT_TRUE(pull(fifo, t0 - 1).empty());
+        std::vector<timed> expected;
+        for (int i = 0; i < 10; ++i) {
+            expected.emplace_back(t0 + i * step, 3 + 10 * a + i);
+        }
+        EXPECT_EQ(pull(fifo, t0 + 9 * step), expected);
+    }
+    EXPECT_FALSE(fifo.is_reset());
+}
+
+TEST(FifoPcr, CaptureMatchesIndependentTimes) {
+    for (const char* name : {"test-072.ts", "test-025.ts"}) {
+        std::ifstream in(std::string(KV_CORPUS_DIR) + "/" + name, std::ios::binary);
+        if (!in) {
+            GTEST_SKIP() << "no capture " << name << " in " << KV_CORPUS_DIR;
+        }
+        const std::vector<uint8_t> ts{std::istreambuf_iterator<char>(in), {}};
+
+        // Anchors: the PCRs of the first PID seen with one, unwrapped, in units.
+        std::vector<std::pair<size_t, int64_t>> anchors;
+        int pid = -1;
+        uint64_t last = 0, wraps = 0;
+        for (size_t i = 0; i < ts.size() / kPkt; ++i) {
+            const uint8_t* p = &ts[i * kPkt];
+            const int this_pid = (p[1] & 0x1F) << 8 | p[2];
+            if (!(p[3] & 0x20) || p[4] < 7 || p[4] > 183 || !(p[5] & 0x10) ||
+                (pid >= 0 && this_pid != pid)) {
+                continue;
+            }
+            pid = this_pid;
+            const uint64_t v =
+                (uint64_t(p[6]) << 25 | p[7] << 17 | p[8] << 9 | p[9] << 1 | p[10] >> 7) * 300 +
+                ((p[10] & 1) << 8 | p[11]);
+            wraps += !anchors.empty() && v < last;
+            last = v;
+            anchors.emplace_back(i, int64_t(wraps * (300ull << 33) + v) * 10 / 27);
+        }
+        ASSERT_GT(anchors.size(), 10u) << name;
+
+        kv_mpegts_fifo fifo;
+        ASSERT_TRUE(fifo.create(ts.size(), kPkt, nullptr, pcr_time_type, false));
+        std::mt19937 rng(7);
+        for (size_t at = 0, len; at < ts.size(); at += len) {
+            len = std::min<size_t>(rng() % 5000, ts.size() - at);
+            fifo.push_data(0, ts.data() + at, len);
+        }
+        kv_mpegts_items items;
+        fifo.get_data(0, kEnd, items);
+        ASSERT_FALSE(fifo.is_reset()) << fifo.get_error();
+        ASSERT_EQ(items.size(), anchors.back().first - anchors.front().first) << name;
+        for (size_t a = 0, k = 0; a + 1 < anchors.size(); ++a) {
+            const size_t span = anchors[a + 1].first - anchors[a].first;
+            const int64_t step = (anchors[a + 1].second - anchors[a].second) / int64_t(span);
+            for (size_t i = 0; i < span; ++i, ++k) {
+                ASSERT_EQ(items[k]->time(), anchors[a].second + int64_t(i) * step) << name << k;
+                ASSERT_EQ(
+                    0, std::memcmp(items[k]->get_data(), &ts[(anchors[a].first + i) * kPkt], kPkt));
+            }
+        }
+        fifo.revert(items);
+    }
+}
+
+TEST(FifoPcr, GapRuleOnCorrectedTimes) {
+    // 2 s less one unit passes; exactly 2 s and any step back (taken as a wrap) fail.
+    const int64_t p0 = 2700000000;
+    for (const int64_t next : {p0 + 53999998, p0 + 54000000, p0 - 27}) {
+        const bool ok = next == p0 + 53999998;
+        std::vector<uint8_t> ts;
+        add_packet(ts, 0x100, 0, p0);
+        add_packet(ts, 0x100, 1, next);
+        add_packet(ts, 0x100, 2);
+        kv_mpegts_fifo fifo;
+        ASSERT_TRUE(fifo.create(10 * kPkt, kPkt, nullptr, pcr_time_type, true));
+        fifo.push_data(0, ts.data(), ts.size());
+        EXPECT_EQ(fifo.is_reset(), !ok);
+        EXPECT_FALSE(fifo.is_underflow() || fifo.is_overflow());
+        EXPECT_EQ(fifo.get_error(), ok ? "" : "Large gap in flow time");
+        EXPECT_EQ(pull(fifo, kEnd).size(), ok ? 1u : 0u);
+    }
+
+    // A device clock that leaps between two PCRs 40 ms apart drives the PLL's correction
+    // past 2 s, which fails although the stream itself is smooth.
+    std::vector<uint8_t> ts;
+    for (uint32_t i = 0; i < 3; ++i) {
+        add_packet(ts, 0x100, i, p0 + i * 1080000);
+    }
+    auto clock = std::make_shared<fixed_clock>();
+    kv_mpegts_fifo fifo;
+    ASSERT_TRUE(fifo.create(10 * kPkt, kPkt, clock, pcr_time_type, true));
+    for (int i = 0; i < 3; ++i) {
+        clock->now = i < 2 ? i * 400000 : 4000000000000000;
+        fifo.push_data(0, &ts[i * kPkt], kPkt);
+        EXPECT_EQ(fifo.is_reset(), i == 2);
+    }
+}
+
+TEST(FifoFailures, OverflowUnderflowResetAndDestroy) {
+    // PCRs every fourth packet, 10,000 units per packet; PID 0x300 from packet 20 on.
+    std::vector<uint8_t> ts;
+    for (uint32_t i = 0; i < 40; ++i) {
+        add_packet(ts, i < 20 ? 0x100 : 0x300, i, i % 4 ? -1 : int64_t(27000000 + i * 27000));
+    }
+    auto due = [](uint32_t i) { return units(27000000 + i * 27000); };
+    const uint8_t* pkt = ts.data();
+    kv_mpegts_fifo fifo;
+    ASSERT_TRUE(fifo.create(6 * kPkt + kPkt / 2, kPkt, nullptr, pcr_time_type, true));
+    // Empty before the first item: no failure even with reset-when-empty on.
+    EXPECT_TRUE(pull(fifo, kEnd).empty());
+    EXPECT_FALSE(fifo.is_reset());
+
+    // Six items fit, the two in the caller's hands included: the seventh packet overflows.
+    fifo.push_data(0, pkt, 5 * kPkt);
+    kv_mpegts_items held;
+    fifo.get_data(0, due(1), held);
+    ASSERT_EQ(held.size(), 2u);
+    fifo.push_data(0, pkt + 5 * kPkt, kPkt);
+    EXPECT_FALSE(fifo.is_reset());
+    fifo.push_data(0, pkt + 6 * kPkt, kPkt);
+    EXPECT_TRUE(fifo.is_reset() && fifo.is_overflow() && !fifo.is_underflow());
+    EXPECT_EQ(fifo.get_error(), "There is not enough memory in fifo");
+    // Input stays dropped even with room again; what is stored still goes out.
+    fifo.revert(held);
+    fifo.push_data(0, pkt + 7 * kPkt, 2 * kPkt);
+    EXPECT_EQ(pull(fifo, kEnd), (std::vector<timed>{{due(2), 2}, {due(3), 3}}));
+
+    // reset clears the failure but keeps its text; the next PCR PID paces, and the six
+    // blocks are recycled from now on.
+    fifo.reset();
+    EXPECT_FALSE(fifo.is_reset() || fifo.is_overflow());
+    EXPECT_EQ(fifo.get_error(), "There is not enough memory in fifo");
+    EXPECT_EQ(fifo.get_front_time(), 0);
+    EXPECT_TRUE(pull(fifo, kEnd).empty());
+    EXPECT_FALSE(fifo.is_reset());  // not started any more
+    fifo.push_data(0, pkt + 20 * kPkt, kPkt);
+    for (uint32_t i = 20; i < 36; i += 4) {
+        fifo.push_data(0, pkt + (i + 1) * kPkt, 4 * kPkt);
+        EXPECT_EQ(pull(fifo, kEnd),
+                  (std::vector<timed>{
+                      {due(i), i}, {due(i + 1), i + 1}, {due(i + 2), i + 2}, {due(i + 3), i + 3}}));
+    }
+    EXPECT_FALSE(fifo.is_reset()) << fifo.get_error();
+
+    // Drained after items were stored: an underflow, with the times left as they were.
+    EXPECT_TRUE(pull(fifo, kEnd).empty());
+    EXPECT_TRUE(fifo.is_reset() && fifo.is_underflow() && !fifo.is_overflow());
+    EXPECT_EQ(fifo.get_error(), "Fifo emptied");
+    EXPECT_EQ(fifo.get_back_time(), due(35));
+    EXPECT_EQ(fifo.get_front_time(), due(35));
+
+    // destroy drops the text and every item; create starts a clean FIFO.
+    fifo.destroy();
+    EXPECT_EQ(fifo.get_error(), "");
+    ASSERT_TRUE(fifo.create(2 * kPkt, kPkt, nullptr, pcr_time_type, false));
+    EXPECT_FALSE(fifo.is_reset());
+    fifo.push_data(0, pkt, 3 * kPkt);
+    EXPECT_TRUE(fifo.is_overflow());
+    EXPECT_FALSE(fifo.create(kPkt, 0, nullptr, pcr_time_type, false));
+}
+
+TEST(FifoFailures, ResetKeepsPartlyFilledItem) {
+    // Items of two packets. The odd packet before reset stays in the open item, and the
+    // first anchor after reset completes it. The PCR starts over lower after reset, as
+    // when a capture is replayed: no wrap of the unwrapped PCR may be seen there.
+    std::vector<uint8_t> ts;
+    for (uint32_t i = 0; i < 7; ++i) {
+        add_packet(ts, 0x100, i, i % 2 ? -1 : 2700000 * int64_t(i < 4 ? i + 1 : i - 3));
+    }
+    kv_mpegts_fifo fifo;
+    ASSERT_TRUE(fifo.create(20 * kPkt, 2 * kPkt, nullptr, pcr_time_type, true));
+    fifo.push_data(0, ts.data(), 3 * kPkt);
+    fifo.reset();
+    fifo.push_data(0, ts.data() + 4 * kPkt, 3 * kPkt);
+    kv_mpegts_items items;
+    fifo.get_data(0, kEnd, items);
+    ASSERT_EQ(items.size(), 1u);
+    EXPECT_EQ(items[0]->time(), units(2700000));
+    EXPECT_EQ(0, std::memcmp(items[0]->get_data(), &ts[2 * kPkt], kPkt));
+    EXPECT_EQ(0, std::memcmp(items[0]->get_data() + kPkt, &ts[4 * kPkt], kPkt));
+    fifo.revert(items);
+}
+
+TEST(FifoStamp, BufferTimesAnchorFirstPackets) {
+    std::vector<uint8_t> ts;
+    for (uint32_t i = 0; i < 8; ++i) {
+        add_packet(ts, 0x100, i);
+    }
+    kv_mpegts_fifo fifo;
+    ASSERT_TRUE(fifo.create(20 * kPkt, kPkt, nullptr, stamp_time_type, true));
+    // Stamps going backwards: the step truncates toward zero, (93 - 100) / 2 = -3.
+    fifo.push_data(100, ts.data(), 3 * kPkt);
+    fifo.push_data(93, ts.data() + 3 * kPkt, kPkt);
+    // A buffer with no whole packet: its completed packet takes the next buffer's time.
+    fifo.push_data(500, ts.data() + 4 * kPkt, 100);
+    fifo.push_data(600, ts.data() + 4 * kPkt + 100, 2 * kPkt - 100);
+    fifo.push_data(700, ts.data() + 6 * kPkt, 2 * kPkt);
+    EXPECT_EQ(pull(fifo, kEnd),
+              (std::vector<timed>{{100, 0}, {100, 1}, {97, 2}, {93, 3}, {600, 4}, {650, 5}}));
+}
+
+}  // namespace

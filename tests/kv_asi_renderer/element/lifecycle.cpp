@@ -1,0 +1,69 @@
+// Element lifecycles with the output thread, the streaming thread and the application
+// thread all active: repeated play and stop with buffers flowing, and an element
+// released while it still plays.
+
+#include "element_fixture.h"
+
+namespace {
+
+using kvtest::ElementTest;
+using kvtest::eventually;
+
+using ElementLifecycleConcurrency = ElementTest;
+
+TEST_F(ElementLifecycleConcurrency, PlayAndStopWithBuffersFlowing) {
+    kvtest::ts_stream s = kvtest::load_pcr_stream();
+    if (s.pcr_packets.size() <= 30) {
+        GTEST_SKIP() << "corpus not found in " KV_CORPUS_DIR;
+    }
+    s.bytes.resize(s.pcr_packets[30] * 188);  // 1.2 s per cycle
+    kvtest::recording_manager manager;
+    g_object_set(el, "latency", 20u, "buffer-size", 1u << 20, "alarm-source-name", "asi-cycle",
+                 "alarm-manager", &manager, nullptr);
+    const int fds = kvtest::open_fd_count();
+    const int threads = kvtest::thread_count();
+    auto* stats = statistics();
+
+    for (int cycle = 0; cycle < 200; ++cycle) {
+        SCOPED_TRACE(cycle);
+        play();
+        // The streaming thread pushes while the application thread reads statistics and
+        // then leaves PLAYING under it.
+        const uint64_t sent = counters().packets;
+        std::thread upstream([&] { push_packets(s, 0, s.packets()); });
+        EXPECT_EQ(stats->get_items().size(), 7u);
+        EXPECT_EQ(statistics(), stats);
+        EXPECT_TRUE(eventually([&] { return counters().packets > sent; }));
+        EXPECT_EQ(set_state(GST_STATE_PAUSED), GST_STATE_CHANGE_SUCCESS);
+        upstream.join();
+        ASSERT_EQ(set_state(GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
+        ASSERT_EQ(kvtest::thread_count(), threads);
+        ASSERT_EQ(kvtest::open_fd_count(), fds);
+        ASSERT_TRUE(manager.alarms().empty());
+    }
+    const kv_vboard_counters c = counters();
+    EXPECT_EQ(c.streamon, c.streamoff);
+    EXPECT_EQ(c.word_violations, 0u);
+    g_object_set(el, "alarm-manager", nullptr, nullptr);
+}
+
+// A pipeline torn down without passing through NULL: finalize still joins the output
+// thread and closes the device.
+TEST_F(ElementLifecycleConcurrency, ReleasedWhilePlayingStopsOutputFirst) {
+    const int fds = kvtest::open_fd_count();
+    const int threads = kvtest::thread_count();
+    g_object_set(el, "latency", 0u, nullptr);
+    play();
+    ASSERT_TRUE(eventually([&] { return counters().frames_sent > 10; }));
+    ASSERT_EQ(kvtest::thread_count(), threads + 1);
+
+    // Marked NULL by hand so that disposal proceeds as after a state change nobody made.
+    GST_STATE(el) = GST_STATE_NULL;
+    gst_harness_teardown(h);
+    h = nullptr;
+    EXPECT_EQ(kvtest::thread_count(), threads);
+    EXPECT_EQ(kvtest::open_fd_count(), fds);
+    EXPECT_EQ(counters().streamoff, 1u);
+}
+
+}  // namespace

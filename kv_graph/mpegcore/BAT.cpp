@@ -2,8 +2,6 @@
 
 #include <memory>
 
-#include "mpegcore/SDT.h"
-
 namespace mpegcore {
 
 namespace {

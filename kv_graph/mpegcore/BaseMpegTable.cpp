@@ -1,5 +1,7 @@
 #include "mpegcore/BaseMpegTable.h"
 
+#include "mpegcore/kvdescriptorlist.h"
+
 #include <cstring>
 
 namespace mpegcore {
@@ -129,6 +131,44 @@ bool CBaseMpegTable::write_crc(KVSDK::KVBSWriter& w, const uint8_t* section_star
     const bool ok = w.putBits<uint32_t>(crc, 32);
     w.flush();
     return ok;
+}
+
+bool read_descriptor_loop(KVSDK::KVBSReader& r, uint16_t length, KVDescriptorList& list,
+                          bool lenient) {
+    if (length == 0) {
+        return true;
+    }
+    if (r.getLength() < length) {
+        return false;
+    }
+    KVSDK::KVBSReader loop(r.getData(), length);
+    if (!list.read(loop) && !lenient) {
+        return false;
+    }
+    r.skipBytes(length);
+    return true;
+}
+
+bool finish_rendered_section(KVSDK::KVBSWriter& w, const uint8_t* buffer, size_t capacity,
+                             uint16_t section_length, uint32_t& crc, size_t& size) {
+    w.flush();
+    // The section is section_length + 3 bytes long; all but its last 4 are covered.
+    size_t covered = section_length > 0 ? section_length - 1u : 0u;
+    if (covered > capacity) {
+        covered = capacity;
+    }
+    crc = crc32_mpeg2(buffer, covered);
+    bool written = false;
+    if (w.getLength() >= size_t(4)) {
+        written = w.putBits<uint32_t>(crc, 32);
+        w.flush();
+    }
+    // Never claim more bytes than the buffer holds, or AddData would write past it.
+    size = section_length + size_t(3);
+    if (size > capacity) {
+        size = capacity;
+    }
+    return written;
 }
 
 }  // namespace mpegcore

@@ -16,6 +16,25 @@ extern const std::array<uint32_t, 256> g_MPEG2_PSI_CRC_32_Lookup;
 // final XOR). Over a whole section including its CRC field the result is 0.
 uint32_t crc32_mpeg2(const uint8_t* data, size_t size, uint32_t crc = 0xFFFFFFFF);
 
+class KVDescriptorList;
+
+// Reads a descriptor loop of `length` bytes at the reader's position into `list` through a
+// reader bounded to the loop, then moves the reader behind the loop. A zero length reads
+// nothing. Fails when the loop runs past the data. A descriptor that runs past the loop
+// fails the read too, unless `lenient` is set: then the list ends there (the descriptors
+// before it stay), so that one damaged descriptor does not cost the whole section.
+bool read_descriptor_loop(KVSDK::KVBSReader& r, uint16_t length, KVDescriptorList& list,
+                          bool lenient = false);
+
+// Ends a section that `w` wrote from the start of `buffer` (`capacity` bytes): the CRC over
+// the section's first section_length - 1 bytes (all but the CRC field; with
+// section_length 1 it is 0xFFFFFFFF) goes into `crc` and is written behind whatever `w`
+// wrote if four bytes are still free, and is left out otherwise. `size` becomes the
+// section's size, section_length + 3, limited to `capacity`. Returns whether the CRC was
+// written.
+bool finish_rendered_section(KVSDK::KVBSWriter& w, const uint8_t* buffer, size_t capacity,
+                             uint16_t section_length, uint32_t& crc, size_t& size);
+
 // Base of every PSI/SI table: the common section header, a raw-byte scratch buffer and
 // the read/write interface that each table fills in.
 class CBaseMpegTable {

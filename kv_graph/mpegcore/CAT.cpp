@@ -1,7 +1,5 @@
 #include "mpegcore/CAT.h"
 
-#include "mpegcore/SDT.h"
-
 namespace mpegcore {
 
 namespace {
@@ -10,19 +8,6 @@ namespace {
 constexpr int kFixedLength = 9;
 
 }  // namespace
-
-bool read_descriptor_loop_lenient(KVSDK::KVBSReader& r, uint16_t length, KVDescriptorList& list) {
-    if (length == 0) {
-        return true;
-    }
-    if (r.getLength() < length) {
-        return false;
-    }
-    KVSDK::KVBSReader loop(r.getData(), length);
-    list.read(loop);
-    r.skipBytes(length);
-    return true;
-}
 
 CDescriptorLoopTable::CDescriptorLoopTable(uint8_t* buffer, unsigned long size)
     : CBaseMpegTable(buffer, size) {}
@@ -45,7 +30,7 @@ bool CDescriptorLoopTable::read(KVSDK::KVBSReader& r) {
     descriptors.clear();
     const int loop_length = static_cast<int>(section_length) - kFixedLength;
     if (loop_length >= 1 &&
-        !read_descriptor_loop_lenient(r, static_cast<uint16_t>(loop_length), descriptors)) {
+        !read_descriptor_loop(r, static_cast<uint16_t>(loop_length), descriptors, true)) {
         return false;
     }
     CRC = static_cast<uint32_t>(r.getBits(32));

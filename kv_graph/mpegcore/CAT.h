@@ -8,13 +8,6 @@
 
 namespace mpegcore {
 
-// Reads a descriptor loop of `length` bytes at the reader's position into `list` through a
-// reader bounded to the loop, then moves the reader behind the loop. A zero length reads
-// nothing. Fails only when the loop runs past the data: a descriptor refused inside the
-// loop ends the list there (the ones before it stay) without failing, so one damaged
-// descriptor does not cost the whole section. Used by the CAT, TSDT, TOT and EIT events.
-bool read_descriptor_loop_lenient(KVSDK::KVBSReader& r, uint16_t length, KVDescriptorList& list);
-
 // A section that is a header followed by one descriptor loop and the CRC: the CAT (CA
 // descriptors) and the TSDT (transport stream descriptors) share this layout and all of
 // its handling; they differ only in their copyTo.

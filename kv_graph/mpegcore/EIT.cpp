@@ -5,7 +5,6 @@
 #include <cstdlib>
 
 #include "mpegcore/CAT.h"
-#include "mpegcore/SDT.h"
 
 namespace mpegcore {
 
@@ -41,7 +40,7 @@ bool CEventInfo::read(KVSDK::KVBSReader& r) {
     free_CA_mode = static_cast<uint8_t>(r.getBits(1));
     descriptors_loop_length = static_cast<uint16_t>(r.getBits(12));
     descriptors.clear();
-    return read_descriptor_loop_lenient(r, descriptors_loop_length, descriptors);
+    return read_descriptor_loop(r, descriptors_loop_length, descriptors, true);
 }
 
 bool CEventInfo::write(KVSDK::KVBSWriter& w) {

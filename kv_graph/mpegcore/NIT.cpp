@@ -1,7 +1,5 @@
 #include "mpegcore/NIT.h"
 
-#include "mpegcore/SDT.h"
-
 namespace mpegcore {
 
 namespace {

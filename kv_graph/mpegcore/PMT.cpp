@@ -12,24 +12,6 @@ constexpr int kFixedLength = 13;
 // stream_type, elementary_PID and ES_info_length with their reserved bits.
 constexpr int kStreamHeaderSize = 5;
 
-// Reads a descriptor loop of `length` bytes at the reader's position into `list` through
-// a reader bounded to the loop, then moves the reader behind the loop. Fails when the
-// loop runs past the data or a descriptor in it runs past the loop.
-bool read_loop(KVSDK::KVBSReader& r, uint16_t length, KVDescriptorList& list) {
-    if (length == 0) {
-        return true;
-    }
-    if (r.getLength() < length) {
-        return false;
-    }
-    KVSDK::KVBSReader loop(r.getData(), length);
-    if (!list.read(loop)) {
-        return false;
-    }
-    r.skipBytes(length);
-    return true;
-}
-
 }  // namespace
 
 void CBaseStreamTypeMap::copyTo(CBaseStreamTypeMap& to) const {
@@ -72,7 +54,7 @@ bool CPMT::read(KVSDK::KVBSReader& r) {
 
     descriptors.clear();
     stream_map.clear();
-    if (!read_loop(r, program_info_length, descriptors)) {
+    if (!read_descriptor_loop(r, program_info_length, descriptors)) {
         return false;
     }
 
@@ -86,7 +68,7 @@ bool CPMT::read(KVSDK::KVBSReader& r) {
         stream->elementary_PID = static_cast<uint16_t>(r.getBits(13));
         stream->reserved2 = static_cast<uint8_t>(r.getBits(4));
         stream->ES_info_length = static_cast<uint16_t>(r.getBits(12));
-        if (!read_loop(r, stream->ES_info_length, stream->descriptors)) {
+        if (!read_descriptor_loop(r, stream->ES_info_length, stream->descriptors)) {
             return false;
         }
         remaining -= stream->ES_info_length + kStreamHeaderSize;

@@ -8,46 +8,8 @@ namespace {
 constexpr int kFixedLength = 12;
 // service_id, the flags and descriptors_loop_length.
 constexpr int kServiceHeaderSize = 5;
-constexpr size_t kCrcSize = 4;
 
 }  // namespace
-
-bool read_descriptor_loop(KVSDK::KVBSReader& r, uint16_t length, KVDescriptorList& list) {
-    if (length == 0) {
-        return true;
-    }
-    if (r.getLength() < length) {
-        return false;
-    }
-    KVSDK::KVBSReader loop(r.getData(), length);
-    if (!list.read(loop)) {
-        return false;
-    }
-    r.skipBytes(length);
-    return true;
-}
-
-bool finish_rendered_section(KVSDK::KVBSWriter& w, const uint8_t* buffer, size_t capacity,
-                             uint16_t section_length, uint32_t& crc, size_t& size) {
-    w.flush();
-    // The section is section_length + 3 bytes long; all but its last 4 are covered.
-    size_t covered = section_length > 0 ? section_length - 1u : 0u;
-    if (covered > capacity) {
-        covered = capacity;
-    }
-    crc = crc32_mpeg2(buffer, covered);
-    bool written = false;
-    if (w.getLength() >= kCrcSize) {
-        written = w.putBits<uint32_t>(crc, 32);
-        w.flush();
-    }
-    // Never claim more bytes than the buffer holds, or AddData would write past it.
-    size = section_length + size_t(3);
-    if (size > capacity) {
-        size = capacity;
-    }
-    return written;
-}
 
 void CServiceDescriptionSection::copyTo(CServiceDescriptionSection& to) const {
     to.service_id = service_id;

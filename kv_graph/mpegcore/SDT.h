@@ -10,23 +10,6 @@
 
 namespace mpegcore {
 
-// Helpers shared by the SI tables whose sections are built in their own scratch buffer
-// (SDT, NIT, BAT).
-
-// Reads a descriptor loop of `length` bytes at the reader's position into `list` through
-// a reader bounded to the loop, then moves the reader behind the loop. A zero length reads
-// nothing. Fails when the loop runs past the data or a descriptor in it runs past the loop.
-bool read_descriptor_loop(KVSDK::KVBSReader& r, uint16_t length, KVDescriptorList& list);
-
-// Ends a section that `w` wrote from the start of `buffer` (`capacity` bytes): the CRC over
-// the section's first section_length - 1 bytes (all but the CRC field; with
-// section_length 1 it is 0xFFFFFFFF) goes into `crc` and is written behind whatever `w`
-// wrote if four bytes are still free, and is left out otherwise. `size` becomes the
-// section's size, section_length + 3, limited to `capacity`. Returns whether the CRC was
-// written.
-bool finish_rendered_section(KVSDK::KVBSWriter& w, const uint8_t* buffer, size_t capacity,
-                             uint16_t section_length, uint32_t& crc, size_t& size);
-
 // One service of an SDT section.
 class CServiceDescriptionSection {
 public:

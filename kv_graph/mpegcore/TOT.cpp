@@ -1,7 +1,6 @@
 #include "mpegcore/TOT.h"
 
 #include "mpegcore/CAT.h"
-#include "mpegcore/SDT.h"
 
 namespace mpegcore {
 
@@ -30,7 +29,7 @@ bool CTOT::read(KVSDK::KVBSReader& r) {
     reserved1 = static_cast<uint8_t>(r.getBits(4));
     descriptors_loop_length = static_cast<uint16_t>(r.getBits(12));
     descriptors.clear();
-    if (!read_descriptor_loop_lenient(r, descriptors_loop_length, descriptors)) {
+    if (!read_descriptor_loop(r, descriptors_loop_length, descriptors, true)) {
         return false;
     }
     CRC = static_cast<uint32_t>(r.getBits(32));

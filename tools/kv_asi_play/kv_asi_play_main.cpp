@@ -1,0 +1,1003 @@
+// kv-asi-play: plays a transport stream out through the kv_asi_renderer element, from a
+// file (paced at the stream's own rate, looping on request) or a live UDP source, to a
+// V4L2 ASI node or, when none is given, to the virtual ASI board. It hands the element
+// an alarm manager, shows alarms as they come and go, and prints a statistics line once
+// a second until the end of the file, Ctrl-C or the --duration limit.
+
+#include <fcntl.h>
+#include <getopt.h>
+#include <glib-unix.h>
+#include <gst/app/gstappsrc.h>
+#include <gst/gst.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "kv_asi_renderer/kv_asi_renderer_statistics.h"
+#include "kv_play_alarms.h"
+#include "kv_play_status.h"
+#include "kv_ts_file_pacer.h"
+
+using namespace kv_asi_play;
+using steady = std::chrono::steady_clock;
+
+namespace {
+
+const char* const kProgram = "kv-asi-play";
+// The node the virtual board answers for in a player of its own.
+const char* const kBoardNode = "/dev/kvasi-play0";
+// Set for the player re-executed on the virtual board: the node, and the library that
+// was preloaded (to be taken out of LD_PRELOAD again).
+const char* const kBoardNodeVar = "KV_ASI_PLAY_BOARD_NODE";
+const char* const kBoardLibVar = "KV_ASI_PLAY_BOARD_LIB";
+// Stream handed to the element ahead of its latency, so that output starts at once and
+// a PCR interval held back by the element does not delay it.
+constexpr int64_t kLeadMarginMs = 500;
+// After the FIFO has run empty at the end of a file, the frames already queued to the
+// board still have to leave.
+constexpr std::chrono::milliseconds kDrainTail{500};
+constexpr guint kTickMs = 250;
+constexpr int kTicksPerLine = 4;
+
+const char* const kUsage =
+    "usage: kv-asi-play [options] SOURCE\n"
+    "Plays an MPEG-2 transport stream out through the kv_asi_renderer element.\n"
+    "SOURCE is a file of 188-byte packets or udp://ADDRESS:PORT (unicast or multicast).\n"
+    "\n"
+    "Output:\n"
+    "  -d, --device PATH        V4L2 ASI output node (property v4l2); without it the\n"
+    "                           stream goes to the virtual ASI board\n"
+    "      --capture FILE       virtual board: capture of everything sent on the line\n"
+    "      --board-stats FILE   virtual board: its counters as JSON, written at the end\n"
+    "      --board-lib PATH     virtual board library (libkv_vboard.so)\n"
+    "Element properties:\n"
+    "  -b, --buffer-size BYTES  FIFO capacity (buffer-size)\n"
+    "  -l, --latency MS         stream buffered before output starts, 0..10000 (latency)\n"
+    "      --pll, --no-pll      lock stream time to the board's clock or not (pll)\n"
+    "  -t, --time-control MODE  pace by pcr (0, the default) or by time stamps: stamp (1)\n"
+    "                           (time-control)\n"
+    "      --reset-when-empty   reset the FIFO whenever it runs empty (reset-when-empty)\n"
+    "      --alarm-source NAME  source name of the alarms (alarm-source-name),\n"
+    "                           kv-asi-play by default\n"
+    "Playing:\n"
+    "      --loop               play a file over and over\n"
+    "      --duration SECONDS   stop after this long\n"
+    "      --iface NAME         network interface that joins a multicast source\n"
+    "      --plugin FILE        the element's plugin module (libkv_asi_renderer.so)\n"
+    "  -h, --help               this text\n"
+    "\n"
+    "Exit status: 0 played to the end or stopped, 1 failure, 2 bad usage.\n";
+
+// ---------------------------------------------------------------------------------------
+// Console: the live statistics line and the messages printed around it.
+
+class console {
+public:
+    console() : m_bTty(isatty(STDOUT_FILENO) != 0) {}
+
+    // One message line on stdout (or stderr), clearing and redrawing the live line.
+    void message(const std::string& text, bool bError = false) {
+        std::lock_guard<std::mutex> lock(m_cs);
+        clear_live();
+        std::FILE* f = bError ? stderr : stdout;
+        std::fputs(text.c_str(), f);
+        if (text.empty() || text.back() != '\n') {
+            std::fputc('\n', f);
+        }
+        std::fflush(f);
+        draw_live();
+    }
+
+    // The statistics line: rewritten in place on a terminal, one line each otherwise.
+    void status(const std::string& line) {
+        std::lock_guard<std::mutex> lock(m_cs);
+        if (!m_bTty) {
+            std::printf("%s\n", line.c_str());
+            std::fflush(stdout);
+            return;
+        }
+        m_strLive = line;
+        winsize ws;
+        if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_col > 1 &&
+            m_strLive.size() >= ws.ws_col) {
+            m_strLive.resize(ws.ws_col - 1);
+        }
+        clear_live();
+        draw_live();
+    }
+
+    // Leaves the live line standing and moves below it.
+    void finish() {
+        std::lock_guard<std::mutex> lock(m_cs);
+        if (m_bTty && !m_strLive.empty()) {
+            std::fputc('\n', stdout);
+            std::fflush(stdout);
+        }
+        m_strLive.clear();
+    }
+
+private:
+    void clear_live() {
+        if (m_bTty && !m_strLive.empty()) {
+            std::fputs("\r\033[K", stdout);
+        }
+    }
+    void draw_live() {
+        if (m_bTty && !m_strLive.empty()) {
+            std::fputs(m_strLive.c_str(), stdout);
+            std::fflush(stdout);
+        }
+    }
+
+    std::mutex m_cs;
+    const bool m_bTty;
+    std::string m_strLive;
+};
+
+console& out() {
+    static console c;
+    return c;
+}
+
+void say(const std::string& text) {
+    out().message(std::string(kProgram) + ": " + text);
+}
+
+void fail(const std::string& text) {
+    out().message(std::string(kProgram) + ": " + text, true);
+}
+
+// The element's own diagnostics (g_print) go through the console too.
+void print_handler(const gchar* text) {
+    out().message(text);
+}
+
+// ---------------------------------------------------------------------------------------
+// Options.
+
+struct options {
+    std::string strSource;
+    std::string strDevice;
+    bool bBufferSize = false;
+    guint nBufferSize = 0;
+    bool bLatency = false;
+    guint nLatency = 0;
+    int nPll = -1;  // -1: left to the element
+    guint nTimeControl = 0;
+    bool bResetWhenEmpty = false;
+    std::string strAlarmSource = kProgram;
+    bool bLoop = false;
+    double dDuration = 0;
+    std::string strIface;
+    std::string strCapture;
+    std::string strBoardStats;
+    std::string strBoardLib;
+    std::string strPlugin;
+};
+
+bool parse_uint(const char* text, unsigned long long nMax, guint& value) {
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long long v = std::strtoull(text, &end, 0);
+    if (errno != 0 || end == text || *end != '\0' || text[0] == '-' || v > nMax) {
+        return false;
+    }
+    value = static_cast<guint>(v);
+    return true;
+}
+
+bool is_udp(const std::string& source) {
+    return source.compare(0, 6, "udp://") == 0;
+}
+
+// udp://ADDRESS:PORT (ADDRESS may be a bracketed IPv6 address), port 1..65535.
+bool valid_udp_uri(const std::string& uri) {
+    const std::string rest = uri.substr(6);
+    const size_t colon = rest.rfind(':');
+    if (colon == std::string::npos || colon == 0 || colon + 1 == rest.size() ||
+        rest.find('/') != std::string::npos) {
+        return false;
+    }
+    const std::string host = rest.substr(0, colon);
+    if (host.find(':') != std::string::npos && (host.front() != '[' || host.back() != ']')) {
+        return false;
+    }
+    guint port = 0;
+    return parse_uint(rest.substr(colon + 1).c_str(), 65535, port) && port > 0 &&
+           rest[colon + 1] >= '0' && rest[colon + 1] <= '9';
+}
+
+// Returns -1 to go on, else the exit status.
+int parse_options(int argc, char** argv, options& o) {
+    enum {
+        kPll = 256,
+        kNoPll,
+        kResetWhenEmpty,
+        kAlarmSource,
+        kLoop,
+        kDuration,
+        kIface,
+        kCapture,
+        kBoardStats,
+        kBoardLib,
+        kPlugin
+    };
+    static const option kLong[] = {{"device", required_argument, nullptr, 'd'},
+                                   {"buffer-size", required_argument, nullptr, 'b'},
+                                   {"latency", required_argument, nullptr, 'l'},
+                                   {"pll", no_argument, nullptr, kPll},
+                                   {"no-pll", no_argument, nullptr, kNoPll},
+                                   {"time-control", required_argument, nullptr, 't'},
+                                   {"reset-when-empty", no_argument, nullptr, kResetWhenEmpty},
+                                   {"alarm-source", required_argument, nullptr, kAlarmSource},
+                                   {"loop", no_argument, nullptr, kLoop},
+                                   {"duration", required_argument, nullptr, kDuration},
+                                   {"iface", required_argument, nullptr, kIface},
+                                   {"capture", required_argument, nullptr, kCapture},
+                                   {"board-stats", required_argument, nullptr, kBoardStats},
+                                   {"board-lib", required_argument, nullptr, kBoardLib},
+                                   {"plugin", required_argument, nullptr, kPlugin},
+                                   {"help", no_argument, nullptr, 'h'},
+                                   {nullptr, 0, nullptr, 0}};
+    auto bad = [](const std::string& text) {
+        fail(text);
+        std::fputs(kUsage, stderr);
+        return 2;
+    };
+    int c = 0;
+    while ((c = getopt_long(argc, argv, "d:b:l:t:h", kLong, nullptr)) != -1) {
+        switch (c) {
+            case 'd':
+                o.strDevice = optarg;
+                break;
+            case 'b':
+                if (!parse_uint(optarg, G_MAXUINT, o.nBufferSize)) {
+                    return bad(std::string("bad --buffer-size ") + optarg);
+                }
+                o.bBufferSize = true;
+                break;
+            case 'l':
+                if (!parse_uint(optarg, 10000, o.nLatency)) {
+                    return bad(std::string("bad --latency ") + optarg + " (0..10000 ms)");
+                }
+                o.bLatency = true;
+                break;
+            case kPll:
+                o.nPll = 1;
+                break;
+            case kNoPll:
+                o.nPll = 0;
+                break;
+            case 't':
+                if (std::strcmp(optarg, "pcr") == 0 || std::strcmp(optarg, "0") == 0) {
+                    o.nTimeControl = 0;
+                } else if (std::strcmp(optarg, "stamp") == 0 || std::strcmp(optarg, "1") == 0) {
+                    o.nTimeControl = 1;
+                } else {
+                    return bad(std::string("bad --time-control ") + optarg + " (pcr or stamp)");
+                }
+                break;
+            case kResetWhenEmpty:
+                o.bResetWhenEmpty = true;
+                break;
+            case kAlarmSource:
+                o.strAlarmSource = optarg;
+                break;
+            case kLoop:
+                o.bLoop = true;
+                break;
+            case kDuration: {
+                char* end = nullptr;
+                o.dDuration = std::strtod(optarg, &end);
+                if (end == optarg || *end != '\0' || !(o.dDuration > 0) || o.dDuration > 1e9) {
+                    return bad(std::string("bad --duration ") + optarg);
+                }
+                break;
+            }
+            case kIface:
+                o.strIface = optarg;
+                break;
+            case kCapture:
+                o.strCapture = optarg;
+                break;
+            case kBoardStats:
+                o.strBoardStats = optarg;
+                break;
+            case kBoardLib:
+                o.strBoardLib = optarg;
+                break;
+            case kPlugin:
+                o.strPlugin = optarg;
+                break;
+            case 'h':
+                std::fputs(kUsage, stdout);
+                return 0;
+            default:
+                std::fputs(kUsage, stderr);
+                return 2;
+        }
+    }
+    if (optind + 1 != argc) {
+        return bad(optind == argc ? "no SOURCE given" : "more than one SOURCE given");
+    }
+    o.strSource = argv[optind];
+    if (!o.strDevice.empty() && (!o.strCapture.empty() || !o.strBoardStats.empty())) {
+        return bad("--capture and --board-stats belong to the virtual board: leave out --device");
+    }
+    if (is_udp(o.strSource) && o.bLoop) {
+        return bad("--loop needs a file");
+    }
+    return -1;
+}
+
+// ---------------------------------------------------------------------------------------
+// Where things are: the virtual board library and the element's module, next to this
+// program in the build tree or where the build put them.
+
+std::string exe_dir() {
+    char path[PATH_MAX];
+    const ssize_t n = readlink("/proc/self/exe", path, sizeof(path) - 1);
+    if (n <= 0) {
+        return ".";
+    }
+    path[n] = '\0';
+    std::string s(path);
+    const size_t slash = s.rfind('/');
+    return slash == std::string::npos ? "." : s.substr(0, slash);
+}
+
+bool is_file(const std::string& path) {
+    return !path.empty() && access(path.c_str(), R_OK) == 0;
+}
+
+std::string first_file(std::initializer_list<std::string> candidates) {
+    for (const std::string& c : candidates) {
+        if (is_file(c)) {
+            return c;
+        }
+    }
+    return "";
+}
+
+#ifndef KV_PLAY_BUILTIN_BOARD
+std::string find_board_lib(const options& o) {
+    if (!o.strBoardLib.empty()) {
+        return o.strBoardLib;
+    }
+    const char* env = std::getenv("KV_VBOARD_LIB");
+    return first_file({env != nullptr ? env : "",
+                       exe_dir() + "/../virtual_asi_board/libkv_vboard.so", KV_PLAY_BOARD_LIB});
+}
+#endif
+
+std::string find_plugin(const options& o) {
+    if (!o.strPlugin.empty()) {
+        return o.strPlugin;
+    }
+    return first_file(
+        {exe_dir() + "/../../kv_graph/kv_asi_renderer/libkv_asi_renderer.so", KV_PLAY_PLUGIN_FILE});
+}
+
+// ---------------------------------------------------------------------------------------
+// The virtual board: the player runs itself again with the board configured for a node
+// of its own (and preloaded, unless this build carries the board inside).
+
+int run_on_virtual_board(const options& o, char** argv) {
+#ifndef KV_PLAY_BUILTIN_BOARD
+    const std::string lib = find_board_lib(o);
+    if (!is_file(lib)) {
+        fail("the virtual ASI board (libkv_vboard.so) was not found" +
+             (lib.empty() ? std::string() : " at " + lib) +
+             ": give --board-lib, or --device for a real board");
+        return 1;
+    }
+    const char* preload = std::getenv("LD_PRELOAD");
+    const std::string strPreload =
+        lib + (preload != nullptr && *preload != '\0' ? ":" + std::string(preload) : "");
+    setenv("LD_PRELOAD", strPreload.c_str(), 1);
+    setenv(kBoardLibVar, lib.c_str(), 1);
+#endif
+    setenv("KV_VBOARD_NODES", kBoardNode, 1);
+    if (!o.strCapture.empty()) {
+        setenv("KV_VBOARD_CAPTURE", o.strCapture.c_str(), 1);
+    }
+    if (!o.strBoardStats.empty()) {
+        setenv("KV_VBOARD_STATS", o.strBoardStats.c_str(), 1);
+    }
+    setenv(kBoardNodeVar, kBoardNode, 1);
+    execv("/proc/self/exe", argv);
+    fail(std::string("cannot start on the virtual board: ") + std::strerror(errno));
+    return 1;
+}
+
+// In the re-executed player: checks that the board answers and keeps it out of the
+// processes GStreamer starts (its plugin scanner).
+bool enter_virtual_board(std::string& node) {
+    node = std::getenv(kBoardNodeVar);
+    // The first call the board sees also makes it read its settings.
+    const int fd = open(node.c_str(), O_RDWR);
+    if (fd < 0) {
+        fail("the virtual ASI board is not active: cannot open " + node + ": " +
+             std::strerror(errno));
+        return false;
+    }
+    close(fd);
+    if (const char* lib = std::getenv(kBoardLibVar)) {
+        const char* preload = std::getenv("LD_PRELOAD");
+        std::string rest = preload != nullptr ? preload : "";
+        const std::string prefix(lib);
+        if (rest.compare(0, prefix.size(), prefix) == 0) {
+            rest.erase(0, prefix.size());
+            if (!rest.empty() && rest[0] == ':') {
+                rest.erase(0, 1);
+            }
+        }
+        if (rest.empty()) {
+            unsetenv("LD_PRELOAD");
+        } else {
+            setenv("LD_PRELOAD", rest.c_str(), 1);
+        }
+    }
+    for (const char* name : {"KV_VBOARD_NODES", "KV_VBOARD_CAPTURE", "KV_VBOARD_STATS",
+                             "KV_VBOARD_FAULTS", kBoardNodeVar, kBoardLibVar}) {
+        unsetenv(name);
+    }
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------
+// The player.
+
+class player {
+public:
+    player(const options& o, std::string strDevice, bool bVirtual)
+        : m_o(o), m_strDevice(std::move(strDevice)), m_bVirtual(bVirtual) {}
+
+    ~player() {
+        stop_pacer();
+        if (m_pPipeline != nullptr) {
+            gst_element_set_state(m_pPipeline, GST_STATE_NULL);
+            gst_object_unref(m_pPipeline);
+        }
+        if (m_pLoop != nullptr) {
+            g_main_loop_unref(m_pLoop);
+        }
+    }
+
+    player(const player&) = delete;
+    player& operator=(const player&) = delete;
+
+    int run() {
+        const bool bUdp = is_udp(m_o.strSource);
+        if (!bUdp) {
+            std::string error;
+            if (!m_pacer.open(m_o.strSource, m_o.bLoop, error)) {
+                fail(error);
+                return 1;
+            }
+        }
+        if (!make_sink() || !(bUdp ? make_udp_source() : make_file_source())) {
+            return 1;
+        }
+        if (!start()) {
+            return 1;
+        }
+        describe();
+
+        m_pLoop = g_main_loop_new(nullptr, FALSE);
+        GstBus* bus = gst_element_get_bus(m_pPipeline);
+        const guint busWatch = gst_bus_add_watch(bus, &player::on_bus, this);
+        gst_object_unref(bus);
+        const guint tick = g_timeout_add(kTickMs, &player::on_tick, this);
+        const guint sigInt = g_unix_signal_add(SIGINT, &player::on_signal, this);
+        const guint sigTerm = g_unix_signal_add(SIGTERM, &player::on_signal, this);
+        m_tPlaying = steady::now();
+        if (!bUdp) {
+            m_pacerThread = std::thread(&player::pace_file, this);
+        }
+
+        g_main_loop_run(m_pLoop);
+
+        // A second Ctrl-C during the shutdown ends the program the hard way.
+        g_source_remove(sigInt);
+        g_source_remove(sigTerm);
+        g_source_remove(tick);
+        g_source_remove(busWatch);
+        stop_pacer();
+        if (m_nTicks >= kTicksPerLine) {
+            show_status(read_status(m_pStats->get_items()));
+        }
+        out().finish();
+        gst_element_set_state(m_pPipeline, GST_STATE_NULL);
+        summary();
+        return m_nResult;
+    }
+
+private:
+    bool make_sink() {
+        const std::string plugin = find_plugin(m_o);
+        if (!plugin.empty()) {
+            GError* err = nullptr;
+            GstPlugin* p = gst_plugin_load_file(plugin.c_str(), &err);
+            if (p == nullptr) {
+                fail("cannot load the element from " + plugin + ": " +
+                     (err != nullptr ? err->message : "unknown error"));
+                g_clear_error(&err);
+                return false;
+            }
+            gst_object_unref(p);
+        }
+        m_pPipeline = gst_pipeline_new("kv-asi-play");
+        m_pSink = gst_element_factory_make("kv_asi_renderer", "renderer");
+        if (m_pSink == nullptr) {
+            fail(
+                "the kv_asi_renderer element is not available: give --plugin, or set "
+                "GST_PLUGIN_PATH to the folder of libkv_asi_renderer.so");
+            return false;
+        }
+        gst_bin_add(GST_BIN(m_pPipeline), m_pSink);
+
+        g_object_set(m_pSink, "v4l2", m_strDevice.c_str(), "time-control", m_o.nTimeControl,
+                     "reset-when-empty", gboolean(m_o.bResetWhenEmpty), "alarm-source-name",
+                     m_o.strAlarmSource.c_str(), "alarm-manager",
+                     static_cast<gpointer>(static_cast<kv_i_alarm_manager*>(&m_alarms)), nullptr);
+        if (m_o.bBufferSize) {
+            g_object_set(m_pSink, "buffer-size", m_o.nBufferSize, nullptr);
+        }
+        if (m_o.bLatency) {
+            g_object_set(m_pSink, "latency", m_o.nLatency, nullptr);
+        }
+        if (m_o.nPll >= 0) {
+            g_object_set(m_pSink, "pll", gboolean(m_o.nPll), nullptr);
+        }
+        guint nLatency = 0;
+        guint nCapacity = 0;
+        g_object_get(m_pSink, "latency", &nLatency, "buffer-size", &nCapacity, nullptr);
+        m_nLatencyMs = nLatency;
+        m_nCapacity = nCapacity;
+        gpointer pStats = nullptr;
+        g_object_get(m_pSink, "statistics", &pStats, nullptr);
+        m_pStats = static_cast<kv_asi_renderer_statistics*>(pStats);
+        if (m_pStats == nullptr) {
+            fail("the element gives no statistics");
+            return false;
+        }
+        return true;
+    }
+
+    bool make_file_source() {
+        m_pSource = gst_element_factory_make("appsrc", "source");
+        if (m_pSource == nullptr) {
+            fail("the appsrc element is not available (GStreamer base plugins)");
+            return false;
+        }
+        GstCaps* caps =
+            gst_caps_from_string("video/mpegts,systemstream=(boolean)true,packetsize=(int)188");
+        // Live, in time format, never blocking: the pacing is done here, and the queue
+        // holds no more than the lead.
+        g_object_set(m_pSource, "caps", caps, "is-live", TRUE, "format", GST_FORMAT_TIME,
+                     "do-timestamp", FALSE, "block", FALSE, "max-bytes", guint64(0), "stream-type",
+                     GST_APP_STREAM_TYPE_STREAM, nullptr);
+        gst_caps_unref(caps);
+        return add_source();
+    }
+
+    bool make_udp_source() {
+        if (!valid_udp_uri(m_o.strSource)) {
+            fail("unusable source " + m_o.strSource + ": not udp://ADDRESS:PORT");
+            return false;
+        }
+        GError* err = nullptr;
+        m_pSource = gst_element_make_from_uri(GST_URI_SRC, m_o.strSource.c_str(), "source", &err);
+        if (m_pSource == nullptr) {
+            fail("unusable source " + m_o.strSource + ": " +
+                 (err != nullptr ? err->message : "no element reads it"));
+            g_clear_error(&err);
+            return false;
+        }
+        if (g_object_class_find_property(G_OBJECT_GET_CLASS(m_pSource), "buffer-size")) {
+            g_object_set(m_pSource, "buffer-size", gint(8 << 20), nullptr);
+        }
+        if (!m_o.strIface.empty()) {
+            g_object_set(m_pSource, "multicast-iface", m_o.strIface.c_str(), nullptr);
+        }
+        // Counts what arrives, for the input rate on the statistics line.
+        GstPad* pad = gst_element_get_static_pad(m_pSource, "src");
+        if (pad != nullptr) {
+            gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, &player::on_input, this, nullptr);
+            gst_object_unref(pad);
+        }
+        return add_source();
+    }
+
+    bool add_source() {
+        gst_bin_add(GST_BIN(m_pPipeline), m_pSource);
+        if (!gst_element_link(m_pSource, m_pSink)) {
+            fail("cannot link the source to the element");
+            return false;
+        }
+        return true;
+    }
+
+    bool start() {
+        // The element opens the device on its way to READY: a failure here is the
+        // device's, and the element has said why on its own line.
+        if (gst_element_set_state(m_pSink, GST_STATE_READY) == GST_STATE_CHANGE_FAILURE) {
+            fail("cannot open the device " + m_strDevice);
+            return false;
+        }
+        GstStateChangeReturn r = gst_element_set_state(m_pPipeline, GST_STATE_PLAYING);
+        if (r == GST_STATE_CHANGE_ASYNC) {
+            r = gst_element_get_state(m_pPipeline, nullptr, nullptr, 5 * GST_SECOND);
+        }
+        if (r == GST_STATE_CHANGE_FAILURE) {
+            fail("unusable source " + m_o.strSource + ": " + bus_error());
+            return false;
+        }
+        return true;
+    }
+
+    // The first error posted on the bus, as one line.
+    std::string bus_error() {
+        const std::string none = "the source did not start";
+        std::string text = none;
+        GstBus* bus = gst_element_get_bus(m_pPipeline);
+        while (GstMessage* msg = gst_bus_pop_filtered(bus, GST_MESSAGE_ERROR)) {
+            GError* err = nullptr;
+            gst_message_parse_error(msg, &err, nullptr);
+            if (err != nullptr && text == none) {
+                text = err->message;
+            }
+            g_clear_error(&err);
+            gst_message_unref(msg);
+        }
+        gst_object_unref(bus);
+        return text;
+    }
+
+    void describe() {
+        m_tLead = (int64_t(m_nLatencyMs) + kLeadMarginMs) * 10000;
+        std::string text = m_o.strSource + " -> " + m_strDevice;
+        if (m_bVirtual) {
+            text += " (virtual board";
+            if (!m_o.strCapture.empty()) {
+                text += ", capture " + m_o.strCapture;
+            }
+            text += ")";
+        }
+        text += m_o.nTimeControl == 0 ? ", paced by PCR" : ", paced by time stamps";
+        text += ", latency " + std::to_string(m_nLatencyMs) + " ms";
+        if (!is_udp(m_o.strSource)) {
+            text += ", " + std::to_string(m_pacer.file_size()) + " bytes";
+            if (m_o.bLoop) {
+                text += ", looping";
+            }
+        }
+        say("playing " + text);
+    }
+
+    // ---- the file's pacing thread
+
+    void pace_file() {
+        ts_chunk chunk;
+        const steady::time_point t0 = steady::now();
+        uint32_t nPass = 0;
+        int64_t tPassStart = 0;
+        GstAppSrc* appsrc = GST_APP_SRC(m_pSource);
+        uint64_t nLeadBytes = 0;
+        bool bLeadChecked = false;
+        while (m_pacer.next(chunk)) {
+            if (!bLeadChecked) {
+                // The first lead's worth goes out at once and stays ahead of the output:
+                // it has to fit the element's FIFO.
+                if (chunk.tStream >= m_tLead) {
+                    bLeadChecked = true;
+                    if (nLeadBytes > m_nCapacity / 10 * 9) {
+                        say("warning: the lead of " + std::to_string(m_tLead / 10000) + " ms (" +
+                            std::to_string(nLeadBytes) +
+                            " bytes of stream) does not fit the buffer-size of " +
+                            std::to_string(m_nCapacity) +
+                            " bytes: raise --buffer-size or lower --latency");
+                    }
+                }
+                nLeadBytes += chunk.data.size();
+            }
+            if (chunk.nPass != nPass) {
+                nPass = chunk.nPass;
+                tPassStart = chunk.tStream;
+                m_nPass.store(nPass);
+            }
+            const steady::time_point due =
+                t0 + std::chrono::nanoseconds((chunk.tStream - m_tLead) * 100);
+            {
+                std::unique_lock<std::mutex> lock(m_csPacer);
+                if (m_cvPacer.wait_until(lock, due, [this] { return m_bStop; })) {
+                    return;
+                }
+            }
+            GstBuffer* buffer = gst_buffer_new_memdup(chunk.data.data(), chunk.data.size());
+            GST_BUFFER_PTS(buffer) = GST_BUFFER_DTS(buffer) = GstClockTime(chunk.tStream) * 100;
+            if (gst_app_src_push_buffer(appsrc, buffer) != GST_FLOW_OK) {
+                return;  // the pipeline is shutting down
+            }
+            m_nPackets.fetch_add(chunk.data.size() / kPacketSize);
+            m_nPassBytes.store(chunk.nOffset + chunk.data.size());
+            m_tPassPushed.store(chunk.tStream - tPassStart);
+        }
+        if (!m_pacer.error().empty()) {
+            std::lock_guard<std::mutex> lock(m_csPacer);
+            m_strPacerError = m_pacer.error();
+        } else {
+            m_tPassLength.store(m_pacer.time_read() - tPassStart);
+            m_tPassPushed.store(m_pacer.time_read() - tPassStart);
+            m_tStreamRead.store(m_pacer.time_read());
+        }
+        gst_app_src_end_of_stream(appsrc);
+        m_bInputDone.store(true);
+    }
+
+    void stop_pacer() {
+        {
+            std::lock_guard<std::mutex> lock(m_csPacer);
+            m_bStop = true;
+        }
+        m_cvPacer.notify_all();
+        if (m_pacerThread.joinable()) {
+            m_pacerThread.join();
+        }
+    }
+
+    // ---- the main loop
+
+    static gboolean on_tick(gpointer self) {
+        static_cast<player*>(self)->tick();
+        return G_SOURCE_CONTINUE;
+    }
+
+    static gboolean on_signal(gpointer self) {
+        say("interrupted: stopping");
+        static_cast<player*>(self)->quit(0);
+        return G_SOURCE_CONTINUE;
+    }
+
+    static gboolean on_bus(GstBus*, GstMessage* msg, gpointer self) {
+        player* p = static_cast<player*>(self);
+        if (GST_MESSAGE_TYPE(msg) == GST_MESSAGE_ERROR ||
+            GST_MESSAGE_TYPE(msg) == GST_MESSAGE_WARNING) {
+            GError* err = nullptr;
+            const bool bError = GST_MESSAGE_TYPE(msg) == GST_MESSAGE_ERROR;
+            if (bError) {
+                gst_message_parse_error(msg, &err, nullptr);
+            } else {
+                gst_message_parse_warning(msg, &err, nullptr);
+            }
+            const std::string text = std::string(GST_OBJECT_NAME(GST_MESSAGE_SRC(msg))) + ": " +
+                                     (err != nullptr ? err->message : "unknown");
+            g_clear_error(&err);
+            if (bError) {
+                fail(text);
+                p->quit(1);
+            } else {
+                say("warning: " + text);
+            }
+        }
+        return G_SOURCE_CONTINUE;
+    }
+
+    static GstPadProbeReturn on_input(GstPad*, GstPadProbeInfo* info, gpointer self) {
+        if (GstBuffer* b = GST_PAD_PROBE_INFO_BUFFER(info)) {
+            static_cast<player*>(self)->m_nInputBytes.fetch_add(gst_buffer_get_size(b));
+        }
+        return GST_PAD_PROBE_OK;
+    }
+
+    void quit(int nResult) {
+        if (nResult != 0) {
+            m_nResult = nResult;
+        }
+        m_bQuit = true;
+        g_main_loop_quit(m_pLoop);
+    }
+
+    void tick() {
+        if (m_bQuit) {
+            return;
+        }
+        for (const alarm_change& c : m_alarms.poll()) {
+            say((c.bActive ? "alarm on:  " : "alarm off: ") + c.strMessage);
+        }
+        const element_status s = read_status(m_pStats->get_items());
+        if (++m_nTicks % kTicksPerLine == 0) {
+            show_status(s);
+        }
+        const steady::time_point now = steady::now();
+
+        {
+            std::lock_guard<std::mutex> lock(m_csPacer);
+            if (!m_strPacerError.empty()) {
+                fail(m_strPacerError);
+                quit(1);
+                return;
+            }
+        }
+        if (m_o.dDuration > 0 && now - m_tPlaying >= std::chrono::duration<double>(m_o.dDuration)) {
+            say("stopping after " + format_hms(int64_t(m_o.dDuration * 1e7)));
+            quit(0);
+            return;
+        }
+        if (m_bInputDone.load()) {
+            drain(s, now);
+        }
+    }
+
+    // After the last packet of a file: waits until the element's FIFO has run empty and
+    // the frames queued to the board have left.
+    void drain(const element_status& s, steady::time_point now) {
+        if (m_tInputDone == steady::time_point()) {
+            m_tInputDone = now;
+        }
+        if (s.tDevice > 0 && s.tFifo == 0) {
+            if (m_tDrained == steady::time_point()) {
+                m_tDrained = now;
+            } else if (now - m_tDrained >= kDrainTail) {
+                say("end of " + m_o.strSource);
+                quit(0);
+                return;
+            }
+        } else {
+            m_tDrained = steady::time_point();
+        }
+        const auto limit = std::chrono::milliseconds(2 * (m_tLead / 10000) + 5000);
+        if (now - m_tInputDone > limit) {
+            if (s.tDevice <= 0) {
+                fail("output never started: the stream is shorter than the latency of " +
+                     std::to_string(m_nLatencyMs) + " ms");
+                quit(1);
+            } else {
+                say("the element's FIFO did not run empty; stopping");
+                quit(0);
+            }
+            return;
+        }
+    }
+
+    void show_status(const element_status& s) {
+        std::string extra;
+        if (is_udp(m_o.strSource)) {
+            const steady::time_point now = steady::now();
+            const uint64_t n = m_nInputBytes.load();
+            const double dt = std::chrono::duration<double>(now - m_tRate).count();
+            if (m_tRate != steady::time_point() && dt > 0) {
+                char buf[64];
+                std::snprintf(buf, sizeof(buf), "input %.2f Mbit/s",
+                              double(n - m_nRateBytes) * 8 / dt / 1e6);
+                extra = buf;
+            }
+            m_tRate = now;
+            m_nRateBytes = n;
+            out().status(status_line(s, nullptr, extra));
+            return;
+        }
+        if (m_o.bLoop) {
+            extra = "pass " + std::to_string(m_nPass.load() + 1);
+        }
+        const file_progress p =
+            estimate_progress(m_pacer.file_size(), m_nPassBytes.load(), m_tPassPushed.load(),
+                              s.tFifo, m_tPassLength.load());
+        out().status(status_line(s, &p, extra));
+    }
+
+    void summary() {
+        if (is_udp(m_o.strSource)) {
+            const double dt = std::chrono::duration<double>(steady::now() - m_tPlaying).count();
+            say("received " + std::to_string(m_nInputBytes.load()) + " bytes in " +
+                format_hms(int64_t(dt * 1e7)));
+            return;
+        }
+        std::string text =
+            "handed " + std::to_string(m_nPackets.load()) + " packets to the element";
+        if (m_bInputDone.load() && m_tStreamRead.load() > 0) {
+            char buf[64];
+            std::snprintf(buf, sizeof(buf), ", %.3f s of stream",
+                          double(m_tStreamRead.load()) / 1e7);
+            text += buf;
+        }
+        say(text);
+    }
+
+    const options& m_o;
+    const std::string m_strDevice;
+    const bool m_bVirtual;
+
+    GstElement* m_pPipeline = nullptr;
+    GstElement* m_pSource = nullptr;
+    GstElement* m_pSink = nullptr;
+    GMainLoop* m_pLoop = nullptr;
+    kv_base_statistics* m_pStats = nullptr;
+    play_alarm_manager m_alarms;
+    guint m_nLatencyMs = 0;
+    uint64_t m_nCapacity = 0;  // the element's FIFO, bytes
+    int64_t m_tLead = 0;       // 100 ns units
+    int m_nResult = 0;
+
+    // Main loop only.
+    bool m_bQuit = false;
+    uint64_t m_nTicks = 0;
+    steady::time_point m_tPlaying;
+    steady::time_point m_tInputDone;
+    steady::time_point m_tDrained;
+    steady::time_point m_tRate;
+    uint64_t m_nRateBytes = 0;
+
+    // The pacing thread owns m_pacer once started; it reports through these.
+    ts_file_pacer m_pacer;
+    std::thread m_pacerThread;
+    std::mutex m_csPacer;
+    std::condition_variable m_cvPacer;
+    bool m_bStop = false;         // under m_csPacer
+    std::string m_strPacerError;  // under m_csPacer
+    std::atomic<uint64_t> m_nPackets{0};
+    std::atomic<uint32_t> m_nPass{0};
+    std::atomic<uint64_t> m_nPassBytes{0};   // file offset reached in the current pass
+    std::atomic<int64_t> m_tPassPushed{0};   // stream time reached in the current pass
+    std::atomic<int64_t> m_tPassLength{-1};  // length of the pass once read to its end
+    std::atomic<int64_t> m_tStreamRead{0};
+    std::atomic<bool> m_bInputDone{false};
+    std::atomic<uint64_t> m_nInputBytes{0};  // UDP input
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    options o;
+    const int rc = parse_options(argc, argv, o);
+    if (rc >= 0) {
+        return rc;
+    }
+    if (!is_udp(o.strSource)) {
+        // Fails early, before the board or GStreamer are started, on a file it cannot
+        // play: the first chunk needs the file's first PCR interval.
+        ts_file_pacer probe;
+        std::string error;
+        ts_chunk chunk;
+        if (!probe.open(o.strSource, false, error) || !probe.next(chunk)) {
+            if (error.empty()) {
+                error = probe.error().empty() ? "nothing to play in " + o.strSource : probe.error();
+            }
+            fail(error);
+            return 1;
+        }
+    }
+
+    std::string device = o.strDevice;
+    const bool bVirtual = device.empty();
+    if (bVirtual) {
+        if (std::getenv(kBoardNodeVar) == nullptr) {
+            return run_on_virtual_board(o, argv);
+        }
+        if (!enter_virtual_board(device)) {
+            return 1;
+        }
+    }
+
+    g_set_print_handler(print_handler);
+    gst_init(nullptr, nullptr);
+    int result = 0;
+    {
+        player p(o, device, bVirtual);
+        result = p.run();
+    }
+    gst_deinit();
+    return result;
+}

@@ -1,0 +1,645 @@
+// kv-asi-soak: runs one or more kv_asi_renderer pipelines in one process, reads every
+// element's statistics once per interval together with the process's memory and CPU
+// time, and judges at the end whether anything kept growing. See README.md.
+
+#include <dlfcn.h>
+#include <gst/app/gstappsrc.h>
+#include <gst/gst.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kv_asi_renderer/kv_asi_renderer_statistics.h"
+#include "kv_asi_renderer/kv_i_alarm_manager.h"
+#include "kv_soak_loop.h"
+#include "kv_soak_report.h"
+#include "kv_vboard.h"
+
+using namespace kv_asi_soak;
+
+namespace {
+
+std::atomic<bool> g_bStop{false};
+void on_signal(int) {
+    g_bStop.store(true);
+}
+
+struct options {
+    std::string strFile;
+    int nElements = 1;
+    std::string strNodePattern = "/dev/kvasi%i";
+    bool bPll = false;
+    unsigned nLatencyMs = 1000;
+    unsigned nBufferSize = 0;  // 0: the element's default
+    bool bLoop = false;
+    double duration = 0;  // seconds; 0: the file's length (once) or 60 (looping)
+    double interval = 1;
+    double printEvery = 0;  // 0: every row when no CSV file is written, else 10 s
+    std::string strCsv;
+    std::string strSink = "renderer";
+    int nUdpPort = 5600;
+    std::string strPlugin;
+    limits lim;
+};
+
+void usage(FILE* out) {
+    std::fprintf(
+        out,
+        "usage: kv-asi-soak [options] FILE.ts\n"
+        "  -n, --elements N        pipelines in this process (1)\n"
+        "  --nodes PATTERN         device node of element i, %%i = i (/dev/kvasi%%i)\n"
+        "  --pll, --no-pll         the element's pll property (off)\n"
+        "  --latency MS            the element's latency (1000)\n"
+        "  --buffer-size BYTES     the element's buffer-size (its default)\n"
+        "  --loop                  play the file endlessly with continuous PCRs\n"
+        "  --duration S            stop after S seconds of play (looping: 60)\n"
+        "  --interval S            seconds between samples (1)\n"
+        "  --csv FILE              every sample row to FILE\n"
+        "  --print-every S         rows on standard output every S seconds\n"
+        "  --sink renderer|udp     kv_asi_renderer, or udpsink to 127.0.0.1\n"
+        "  --udp-port N            first UDP port for --sink udp (5600)\n"
+        "  --plugin FILE           load the element's module from FILE\n"
+        "  --max-drift-ms X        FIFO fullness drift allowed over the second half (50)\n"
+        "  --max-drift-rate US     FIFO fullness slope allowed over the second half, us/s\n"
+        "                          (0: not checked, the default)\n"
+        "  --max-rss-growth KIB    RSS growth allowed over the second half (4096)\n"
+        "  --allow-resets          output resets in the second half do not fail\n");
+}
+
+bool parse_options(int argc, char** argv, options& o) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i];
+        auto value = [&](const char*& v) {
+            if (i + 1 >= argc) {
+                std::fprintf(stderr, "kv-asi-soak: %s needs a value\n", a.c_str());
+                return false;
+            }
+            v = argv[++i];
+            return true;
+        };
+        const char* v = nullptr;
+        if (a == "-h" || a == "--help") {
+            usage(stdout);
+            std::exit(0);
+        } else if (a == "--pll") {
+            o.bPll = true;
+        } else if (a == "--no-pll") {
+            o.bPll = false;
+        } else if (a == "--loop") {
+            o.bLoop = true;
+        } else if (a == "--allow-resets") {
+            o.lim.bResetsFail = false;
+        } else if (a == "-n" || a == "--elements") {
+            if (!value(v))
+                return false;
+            o.nElements = std::atoi(v);
+        } else if (a == "--nodes") {
+            if (!value(v))
+                return false;
+            o.strNodePattern = v;
+        } else if (a == "--latency") {
+            if (!value(v))
+                return false;
+            o.nLatencyMs = unsigned(std::strtoul(v, nullptr, 10));
+        } else if (a == "--buffer-size") {
+            if (!value(v))
+                return false;
+            o.nBufferSize = unsigned(std::strtoul(v, nullptr, 10));
+        } else if (a == "--duration") {
+            if (!value(v))
+                return false;
+            o.duration = std::atof(v);
+        } else if (a == "--interval") {
+            if (!value(v))
+                return false;
+            o.interval = std::atof(v);
+        } else if (a == "--print-every") {
+            if (!value(v))
+                return false;
+            o.printEvery = std::atof(v);
+        } else if (a == "--csv") {
+            if (!value(v))
+                return false;
+            o.strCsv = v;
+        } else if (a == "--sink") {
+            if (!value(v))
+                return false;
+            o.strSink = v;
+        } else if (a == "--udp-port") {
+            if (!value(v))
+                return false;
+            o.nUdpPort = std::atoi(v);
+        } else if (a == "--plugin") {
+            if (!value(v))
+                return false;
+            o.strPlugin = v;
+        } else if (a == "--max-drift-ms") {
+            if (!value(v))
+                return false;
+            o.lim.maxDriftMs = std::atof(v);
+        } else if (a == "--max-drift-rate") {
+            if (!value(v))
+                return false;
+            o.lim.maxDriftRate = std::atof(v);
+        } else if (a == "--max-rss-growth") {
+            if (!value(v))
+                return false;
+            o.lim.maxRssGrowthKiB = std::atoll(v);
+        } else if (!a.empty() && a[0] == '-') {
+            std::fprintf(stderr, "kv-asi-soak: unknown option %s\n", a.c_str());
+            return false;
+        } else {
+            o.strFile = a;
+        }
+    }
+    if (o.strFile.empty() || o.nElements < 1 || o.nElements > 64 || o.interval <= 0 ||
+        (o.strSink != "renderer" && o.strSink != "udp")) {
+        return false;
+    }
+    if (o.bLoop && o.duration <= 0) {
+        o.duration = 60;
+    }
+    if (o.printEvery <= 0) {
+        o.printEvery = o.strCsv.empty() ? o.interval : 10;
+    }
+    return true;
+}
+
+std::string node_name(const std::string& pattern, int i) {
+    std::string s = pattern;
+    const size_t pos = s.find("%i");
+    if (pos != std::string::npos) {
+        s.replace(pos, 2, std::to_string(i));
+    }
+    return s;
+}
+
+// Holds the alarms the elements register and sums their occurrence counts.
+class soak_alarm_manager : public kv_i_alarm_manager {
+public:
+    void register_alarm(std::shared_ptr<kv_i_alarm_event> alarm) override {
+        std::lock_guard<std::mutex> lock(m_cs);
+        m_alarms.push_back(std::move(alarm));
+    }
+    void unregister_alarm(std::shared_ptr<kv_i_alarm_event> alarm) override {
+        std::lock_guard<std::mutex> lock(m_cs);
+        m_alarms.erase(std::remove(m_alarms.begin(), m_alarms.end(), alarm), m_alarms.end());
+    }
+    uint32_t count(const std::string& source, KVAlarmCode code) const {
+        std::lock_guard<std::mutex> lock(m_cs);
+        uint32_t n = 0;
+        for (const auto& a : m_alarms) {
+            const kv_alarm_data d = a->get_data();
+            if (d.source == source && d.code == code) {
+                n += d.count;
+            }
+        }
+        return n;
+    }
+
+private:
+    mutable std::mutex m_cs;
+    std::vector<std::shared_ptr<kv_i_alarm_event>> m_alarms;
+};
+
+// The board's live counters when it is preloaded into this process.
+using get_counters_fn = int (*)(const char*, kv_vboard_counters*);
+
+struct lane {
+    int index = 0;
+    std::string strNode, strSource;
+    GstElement* pipeline = nullptr;
+    GstElement* sink = nullptr;
+    const ts_loop* pLoop = nullptr;
+    uint64_t nPosition = 0;  // next packet of the endless stream
+    std::atomic<bool> bEos{false};
+    double tEos = -1;  // first sample that saw end-of-stream
+    const kv_base_statistics* pStats = nullptr;
+    std::vector<element_sample> samples;
+    kv_vboard_counters board{};
+    bool bBoard = false;
+};
+
+constexpr size_t kChunkPackets = 348;  // 65424 bytes per buffer
+
+void need_data(GstAppSrc* src, guint, gpointer user) {
+    lane* l = static_cast<lane*>(user);
+    GstBuffer* buf = gst_buffer_new_allocate(nullptr, kChunkPackets * kPacketSize, nullptr);
+    GstMapInfo map;
+    gst_buffer_map(buf, &map, GST_MAP_WRITE);
+    l->pLoop->fill(l->nPosition, kChunkPackets, map.data);
+    gst_buffer_unmap(buf, &map);
+    l->nPosition += kChunkPackets;
+    gst_app_src_push_buffer(src, buf);
+}
+
+GstPadProbeReturn eos_probe(GstPad*, GstPadProbeInfo* info, gpointer user) {
+    GstEvent* ev = GST_PAD_PROBE_INFO_EVENT(info);
+    if (ev != nullptr && GST_EVENT_TYPE(ev) == GST_EVENT_EOS) {
+        static_cast<lane*>(user)->bEos.store(true);
+    }
+    return GST_PAD_PROBE_OK;
+}
+
+bool build_lane(const options& o, const ts_loop& loop, soak_alarm_manager& alarms, lane& l) {
+    std::string desc;
+    if (o.bLoop) {
+        desc =
+            "appsrc name=src format=bytes max-bytes=262144 block=true "
+            "caps=video/mpegts,systemstream=true,packetsize=188";
+    } else {
+        gchar* quoted = g_strescape(o.strFile.c_str(), nullptr);
+        desc = std::string("filesrc location=\"") + quoted + "\"";
+        g_free(quoted);
+    }
+    desc += " ! tsparse set-timestamps=true ! clocksync ! ";
+    if (o.strSink == "udp") {
+        desc += "udpsink name=sink host=127.0.0.1 port=" + std::to_string(o.nUdpPort + l.index);
+    } else {
+        desc += "kv_asi_renderer name=sink";
+    }
+    GError* err = nullptr;
+    l.pipeline = gst_parse_launch(desc.c_str(), &err);
+    if (l.pipeline == nullptr || err != nullptr) {
+        std::fprintf(stderr, "kv-asi-soak: cannot build \"%s\": %s\n", desc.c_str(),
+                     err != nullptr ? err->message : "unknown error");
+        if (err != nullptr)
+            g_error_free(err);
+        return false;
+    }
+    l.sink = gst_bin_get_by_name(GST_BIN(l.pipeline), "sink");
+    if (o.strSink == "renderer") {
+        g_object_set(l.sink, "v4l2", l.strNode.c_str(), "pll", gboolean(o.bPll), "latency",
+                     guint(o.nLatencyMs), "alarm-source-name", l.strSource.c_str(), "alarm-manager",
+                     static_cast<gpointer>(static_cast<kv_i_alarm_manager*>(&alarms)), nullptr);
+        if (o.nBufferSize > 0) {
+            g_object_set(l.sink, "buffer-size", guint(o.nBufferSize), nullptr);
+        }
+        gpointer p = nullptr;
+        g_object_get(l.sink, "statistics", &p, nullptr);
+        l.pStats = static_cast<kv_asi_renderer_statistics*>(p);
+    }
+    GstPad* pad = gst_element_get_static_pad(l.sink, "sink");
+    gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, eos_probe, &l, nullptr);
+    gst_object_unref(pad);
+    if (o.bLoop) {
+        l.pLoop = &loop;
+        GstElement* src = gst_bin_get_by_name(GST_BIN(l.pipeline), "src");
+        GstAppSrcCallbacks cb{};
+        cb.need_data = need_data;
+        gst_app_src_set_callbacks(GST_APP_SRC(src), &cb, &l, nullptr);
+        gst_object_unref(src);
+    }
+    return true;
+}
+
+uint64_t rss_kib() {
+    FILE* f = std::fopen("/proc/self/statm", "r");
+    unsigned long size = 0, resident = 0;
+    if (f != nullptr) {
+        if (std::fscanf(f, "%lu %lu", &size, &resident) != 2) {
+            resident = 0;
+        }
+        std::fclose(f);
+    }
+    return uint64_t(resident) * uint64_t(sysconf(_SC_PAGESIZE)) / 1024;
+}
+
+double cpu_seconds() {
+    rusage ru{};
+    getrusage(RUSAGE_SELF, &ru);
+    return double(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) +
+           double(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
+}
+
+std::string csv_text(const std::string& s) {
+    if (s.find_first_of(",\"\n") == std::string::npos) {
+        return s;
+    }
+    std::string q = "\"";
+    for (char c : s) {
+        q += (c == '"') ? std::string("\"\"") : std::string(1, c == '\n' ? ' ' : c);
+    }
+    return q + "\"";
+}
+
+double seconds_of(int64_t units) {
+    return units < 0 ? -1.0 : double(units) / 1e7;
+}
+
+const char* kHeader =
+    "time_s,element,node,fifo_ms,device_s,stream_s,skip_hw_frames,skip_ts_packets,resets,"
+    "underflow_alarms,overflow_alarms,board_frames_sent,board_idle_frames,board_packets,"
+    "rss_kib,cpu_s,last_error";
+
+std::string csv_row(const lane& l, const element_sample& s, const process_sample& p) {
+    char buf[512];
+    std::snprintf(
+        buf, sizeof(buf),
+        "%.1f,%d,%s,%.1f,%.3f,%.3f,%llu,%llu,%llu,%u,%u,%llu,%llu,%llu,%llu,%.2f,", s.t, l.index,
+        l.strNode.c_str(), s.tFifo < 0 ? -1.0 : double(s.tFifo) / 1e4, seconds_of(s.tDevice),
+        seconds_of(s.tStream), static_cast<unsigned long long>(s.nSkipFrames),
+        static_cast<unsigned long long>(s.nSkipPackets), static_cast<unsigned long long>(s.nResets),
+        s.nUnderflowAlarms, s.nOverflowAlarms, static_cast<unsigned long long>(l.board.frames_sent),
+        static_cast<unsigned long long>(l.board.idle_frames),
+        static_cast<unsigned long long>(l.board.packets),
+        static_cast<unsigned long long>(p.nRssKiB), p.cpuSeconds);
+    return buf + csv_text(s.strLastError);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    gst_init(&argc, &argv);
+    options o;
+    if (!parse_options(argc, argv, o)) {
+        usage(stderr);
+        return 2;
+    }
+    if (!o.strPlugin.empty()) {
+        GError* err = nullptr;
+        GstPlugin* plugin = gst_plugin_load_file(o.strPlugin.c_str(), &err);
+        if (plugin == nullptr) {
+            std::fprintf(stderr, "kv-asi-soak: cannot load %s: %s\n", o.strPlugin.c_str(),
+                         err != nullptr ? err->message : "unknown error");
+            return 1;
+        }
+        gst_object_unref(plugin);
+    }
+    const bool bRenderer = o.strSink == "renderer";
+    if (bRenderer && gst_element_factory_find("kv_asi_renderer") == nullptr) {
+        std::fprintf(stderr,
+                     "kv-asi-soak: no kv_asi_renderer element (set GST_PLUGIN_PATH "
+                     "or give --plugin)\n");
+        return 1;
+    }
+
+    // Looping plays the file from memory; played once it is read by filesrc and only its
+    // head and tail are read here, for the stream time it holds.
+    ts_loop loop;
+    std::string error;
+    double fileSeconds = 0;
+    if (o.bLoop ? !loop.load_file(o.strFile, error)
+                : !probe_file_seconds(o.strFile, fileSeconds, error)) {
+        std::fprintf(stderr, "kv-asi-soak: %s\n", error.c_str());
+        return 1;
+    }
+    if (o.bLoop) {
+        fileSeconds = loop.pass_seconds();
+    } else if (o.duration <= 0) {
+        o.duration = fileSeconds + o.nLatencyMs / 1000.0 + 10;  // a safety stop only
+    }
+    const double fileMbits =
+        double(std::ifstream(o.strFile, std::ios::binary | std::ios::ate).tellg()) * 8 /
+        fileSeconds / 1e6;
+
+    const auto board_counters =
+        reinterpret_cast<get_counters_fn>(dlsym(RTLD_DEFAULT, "kv_vboard_get_counters"));
+
+    soak_alarm_manager alarms;
+    std::vector<std::unique_ptr<lane>> lanes;
+    for (int i = 0; i < o.nElements; ++i) {
+        auto l = std::make_unique<lane>();
+        l->index = i;
+        l->strNode =
+            bRenderer ? node_name(o.strNodePattern, i) : "udp:" + std::to_string(o.nUdpPort + i);
+        l->strSource = "soak" + std::to_string(i);
+        if (!build_lane(o, loop, alarms, *l)) {
+            return 1;
+        }
+        lanes.push_back(std::move(l));
+    }
+
+    FILE* csv = nullptr;
+    if (!o.strCsv.empty()) {
+        csv = std::fopen(o.strCsv.c_str(), "w");
+        if (csv == nullptr) {
+            std::fprintf(stderr, "kv-asi-soak: cannot write %s\n", o.strCsv.c_str());
+            return 1;
+        }
+        std::fprintf(csv, "%s\n", kHeader);
+    }
+
+    std::signal(SIGINT, on_signal);
+    std::signal(SIGTERM, on_signal);
+
+    std::printf(
+        "kv-asi-soak: %d x %s, %s, %s, pll %s, latency %u ms, %s, stream %.3f s per "
+        "pass at %.3f Mbit/s, board %s\n",
+        o.nElements, bRenderer ? "kv_asi_renderer" : "udpsink", o.strFile.c_str(),
+        o.bLoop ? "looping" : "once", o.bPll ? "on" : "off", o.nLatencyMs,
+        o.bLoop ? (std::to_string(int(o.duration)) + " s").c_str() : "to the end", fileSeconds,
+        fileMbits, board_counters != nullptr ? "preloaded" : "not present");
+    std::printf("%s\n", kHeader);
+    std::fflush(stdout);
+
+    const double cpuStart = cpu_seconds();
+    for (auto& l : lanes) {
+        if (gst_element_set_state(l->pipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
+            std::fprintf(stderr, "kv-asi-soak: pipeline %d does not start (%s)\n", l->index,
+                         l->strNode.c_str());
+            for (auto& m : lanes) {
+                gst_element_set_state(m->pipeline, GST_STATE_NULL);
+            }
+            return 1;
+        }
+    }
+
+    using clock = std::chrono::steady_clock;
+    const auto t0 = clock::now();
+    std::vector<process_sample> process;
+    bool bFailed = false;
+    double lastPrint = -1e9;
+    double tAllEos = -1;
+    for (int tick = 1; !g_bStop.load(); ++tick) {
+        std::this_thread::sleep_until(t0 + std::chrono::duration_cast<clock::duration>(
+                                               std::chrono::duration<double>(tick * o.interval)));
+        const double t = std::chrono::duration<double>(clock::now() - t0).count();
+        // Errors end the run; end-of-stream reaches the bus only from a sink that passes
+        // it on (udpsink); the renderer swallows it and the pad probe sees it instead.
+        for (auto& l : lanes) {
+            GstBus* bus = gst_element_get_bus(l->pipeline);
+            while (GstMessage* m = gst_bus_pop_filtered(
+                       bus, GstMessageType(GST_MESSAGE_ERROR | GST_MESSAGE_EOS))) {
+                if (GST_MESSAGE_TYPE(m) == GST_MESSAGE_ERROR) {
+                    GError* err = nullptr;
+                    gst_message_parse_error(m, &err, nullptr);
+                    std::fprintf(stderr, "kv-asi-soak: pipeline %d: %s\n", l->index,
+                                 err != nullptr ? err->message : "error");
+                    if (err != nullptr)
+                        g_error_free(err);
+                    bFailed = true;
+                } else {
+                    l->bEos.store(true);
+                }
+                gst_message_unref(m);
+            }
+            gst_object_unref(bus);
+        }
+
+        process_sample p;
+        p.t = t;
+        p.nRssKiB = rss_kib();
+        p.cpuSeconds = cpu_seconds();
+        process.push_back(p);
+        bool bPrint = t - lastPrint >= o.printEvery - 1e-6;
+        if (bPrint) {
+            lastPrint = t;
+        }
+        bool bAllEos = true;
+        bool bAllDrained = true;
+        for (auto& l : lanes) {
+            element_sample s;
+            if (l->pStats != nullptr) {
+                s = read_rows(l->pStats->get_items());
+                s.nUnderflowAlarms = alarms.count(l->strSource, eAlarmRemuxerOutputUnderflow);
+                s.nOverflowAlarms = alarms.count(l->strSource, eAlarmRemuxerOutputOverflow);
+            }
+            s.t = t;
+            if (board_counters != nullptr) {
+                l->bBoard = board_counters(l->strNode.c_str(), &l->board) == 0;
+            }
+            l->samples.push_back(s);
+            const std::string row = csv_row(*l, s, p);
+            if (csv != nullptr) {
+                std::fprintf(csv, "%s\n", row.c_str());
+            }
+            if (bPrint) {
+                std::printf("%s\n", row.c_str());
+            }
+            if (l->bEos.load() && l->tEos < 0) {
+                l->tEos = t;
+            }
+            bAllEos = bAllEos && l->bEos.load();
+            // Drained: under two frames of stream left (the packets after the last PCR
+            // never leave).
+            bAllDrained = bAllDrained && (!bRenderer || (s.tFifo >= 0 && s.tFifo < 400000));
+        }
+        if (csv != nullptr) {
+            std::fflush(csv);
+        }
+        std::fflush(stdout);
+        if (bFailed || t >= o.duration) {
+            break;
+        }
+        if (!o.bLoop && bAllEos) {
+            if (tAllEos < 0) {
+                tAllEos = t;
+            }
+            // Once every file has been read, stop when the FIFOs have drained, or after
+            // the latency and a margin when they never do.
+            if (bAllDrained || t - tAllEos > o.nLatencyMs / 1000.0 + 3) {
+                break;
+            }
+        }
+    }
+    const double tEnd = std::chrono::duration<double>(clock::now() - t0).count();
+    for (auto& l : lanes) {
+        gst_element_set_state(l->pipeline, GST_STATE_NULL);
+    }
+    const double cpu = cpu_seconds() - cpuStart;
+    for (auto& l : lanes) {
+        gst_object_unref(l->sink);
+        gst_object_unref(l->pipeline);
+    }
+    if (csv != nullptr) {
+        std::fclose(csv);
+    }
+
+    // Stream played: the run's length when looping (the input is paced in real time),
+    // else the file once per element.
+    const double streamSeconds = o.bLoop ? tEnd : fileSeconds;
+    std::printf("\nsummary: %d element(s), %.1f s run, %.1f s of stream each\n", o.nElements, tEnd,
+                streamSeconds);
+    std::printf(
+        "cpu: %.2f s (user+sys, start to stop), %.4f s per stream-second per element, "
+        "%.4f s per second of run\n",
+        cpu, cpu / (streamSeconds * o.nElements), cpu / tEnd);
+    const memory_summary mem = summarize_memory(process);
+    std::printf(
+        "rss: start %llu KiB, middle %llu KiB, end %llu KiB, max %llu KiB; second half "
+        "%+lld KiB (%+.1f KiB/min)\n",
+        static_cast<unsigned long long>(mem.startKiB), static_cast<unsigned long long>(mem.midKiB),
+        static_cast<unsigned long long>(mem.endKiB), static_cast<unsigned long long>(mem.maxKiB),
+        static_cast<long long>(mem.growthHalfKiB), mem.slopeHalfKiBPerMin);
+    std::vector<fifo_summary> fifos;
+    for (auto& l : lanes) {
+        if (!bRenderer || l->samples.empty()) {
+            continue;
+        }
+        // A file played once drains at its end: only what came before is judged.
+        std::vector<element_sample> judged;
+        for (const auto& s : l->samples) {
+            if (l->tEos < 0 || s.t < l->tEos) {
+                judged.push_back(s);
+            }
+        }
+        const fifo_summary f = summarize_fifo(judged.empty() ? l->samples : judged);
+        fifos.push_back(f);
+        const element_sample& last = l->samples.back();
+        std::printf(
+            "element %d (%s): fifo start %.1f ms, end %.1f ms, range %.1f..%.1f ms, "
+            "second half %.1f..%.1f ms, drift %+.2f us/s (%+.1f ms over the second "
+            "half)\n",
+            l->index, l->strNode.c_str(), f.startMs, f.endMs, f.minMs, f.maxMs, f.minHalfMs,
+            f.maxHalfMs, f.driftUsPerS, f.driftHalfMs);
+        std::printf(
+            "  counters: skip hw frames %llu, skip ts packets %llu (%llu in the second "
+            "half), resets %llu (%llu in the second half), underflow alarms %u, "
+            "overflow alarms %u, unreadable samples %zu\n",
+            static_cast<unsigned long long>(last.nSkipFrames),
+            static_cast<unsigned long long>(last.nSkipPackets),
+            static_cast<unsigned long long>(f.skipPacketsHalf),
+            static_cast<unsigned long long>(last.nResets),
+            static_cast<unsigned long long>(f.resetsHalf), last.nUnderflowAlarms,
+            last.nOverflowAlarms, f.unreadable);
+        if (l->bBoard) {
+            std::printf(
+                "  board: frames sent %llu, idle frames %llu, packets %llu, partial "
+                "bytes %llu, word violations %llu\n",
+                static_cast<unsigned long long>(l->board.frames_sent),
+                static_cast<unsigned long long>(l->board.idle_frames),
+                static_cast<unsigned long long>(l->board.packets),
+                static_cast<unsigned long long>(l->board.bytes_partial),
+                static_cast<unsigned long long>(l->board.word_violations));
+        }
+        if (!last.strLastError.empty()) {
+            std::printf("  last error: %s\n", last.strLastError.c_str());
+        }
+        std::printf(
+            "result: element=%d fifo_end_ms=%.1f fifo_min_half_ms=%.1f "
+            "fifo_max_half_ms=%.1f drift_us_per_s=%+.2f drift_half_ms=%+.1f resets=%llu "
+            "skip_packets=%llu\n",
+            l->index, f.endMs, f.minHalfMs, f.maxHalfMs, f.driftUsPerS, f.driftHalfMs,
+            static_cast<unsigned long long>(last.nResets),
+            static_cast<unsigned long long>(last.nSkipPackets));
+    }
+    std::printf(
+        "result: process rss_start_kib=%llu rss_end_kib=%llu rss_growth_half_kib=%lld "
+        "cpu_s=%.2f cpu_per_stream_s=%.4f\n",
+        static_cast<unsigned long long>(mem.startKiB), static_cast<unsigned long long>(mem.endKiB),
+        static_cast<long long>(mem.growthHalfKiB), cpu, cpu / (streamSeconds * o.nElements));
+    const std::vector<std::string> failures = judge(fifos, mem, o.lim);
+    for (const auto& f : failures) {
+        std::printf("FAIL: %s\n", f.c_str());
+    }
+    if (bFailed) {
+        std::printf("FAIL: a pipeline reported an error\n");
+    }
+    const bool bPass = failures.empty() && !bFailed;
+    std::printf("verdict: %s\n", bPass ? "PASS" : "FAIL");
+    return bPass ? 0 : 1;
+}

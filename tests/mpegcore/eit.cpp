@@ -10,45 +10,12 @@
 
 #include "mpegcore/EIT.h"
 
+#include "ts_test_util.h"
+
 using namespace mpegcore;
-using Bytes = std::vector<uint8_t>;
+using namespace ts_test;
 
 namespace {
-
-// A whole section: table_id, syntax and private bits set, section_length over `body` and
-// the CRC, the body and a correct CRC.
-Bytes section(uint8_t table_id, const Bytes& body) {
-    const size_t length = body.size() + 4;
-    Bytes s{table_id, uint8_t(0xF0 | (length >> 8)), uint8_t(length)};
-    s.insert(s.end(), body.begin(), body.end());
-    const uint32_t crc = crc32_mpeg2(s.data(), s.size());
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        s.push_back(uint8_t(crc >> shift));
-    }
-    return s;
-}
-
-Bytes cat(std::initializer_list<Bytes> parts) {
-    Bytes all;
-    for (const Bytes& p : parts) {
-        all.insert(all.end(), p.begin(), p.end());
-    }
-    return all;
-}
-
-// Reads from a heap copy of exactly the given bytes, so that AddressSanitizer catches any
-// read past them.
-bool read(CEIT& table, const Bytes& bytes) {
-    const std::unique_ptr<uint8_t[]> copy(new uint8_t[bytes.size() + 1]);
-    std::copy(bytes.begin(), bytes.end(), copy.get());
-    KVSDK::KVBSReader r(copy.get(), bytes.size());
-    return table.read(r);
-}
-
-Bytes render(CEIT& table) {
-    table.RenderTable();
-    return Bytes(table.GetBuffer(), table.GetBuffer() + table.GetSizeBuffer());
-}
 
 // Service 0x1234, version 5, current, section 0 of 1, ts 0x0456, network 0x0789, segment
 // last 1, last table 0x4F.
@@ -129,12 +96,9 @@ TEST(EitSection, ReadsHeaderAndEventsAndWritesBack) {
     EXPECT_EQ(changed[changed.size() - 5], 0x23);
     EXPECT_EQ(crc32_mpeg2(changed.data(), changed.size()), 0u);
 
-    // Every proper prefix is incomplete; the rest of a payload unit behind it is ignored.
-    for (size_t n = 0; n < kEit.size(); ++n) {
-        EXPECT_FALSE(read(eit, Bytes(kEit.begin(), kEit.begin() + n))) << n;
-    }
-    ASSERT_TRUE(read(eit, cat({kEit, Bytes(9, 0xFF)})));
-    EXPECT_EQ(eit.eventInfo.size(), 2u) << "a retried read starts a fresh event list";
+    expect_prefixes_refused<CEIT>(kEit);
+    ASSERT_TRUE(read(eit, kEit));
+    EXPECT_EQ(eit.eventInfo.size(), 2u) << "a second read starts a fresh event list";
 }
 
 TEST(EitSection, EventLoopBoundsAndRefusals) {

@@ -3,10 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
 #include <utility>
 #include <vector>
+
+#include "ts_test_util.h"
 
 using namespace mpegcore;
 
@@ -116,11 +116,10 @@ TEST(MpegTime, JitterOfLatePcrAcrossWrap) {
 }
 
 TEST(MpegTime, RealCapturePcrWalk) {
-    std::ifstream in(KV_CORPUS_DIR "/test-025.ts", std::ios::binary);
-    if (!in) {
+    const ts_test::Bytes ts = ts_test::load_capture("test-025.ts");
+    if (ts.empty()) {
         GTEST_SKIP() << "capture not present";
     }
-    const std::vector<uint8_t> ts{std::istreambuf_iterator<char>(in), {}};
     // PCRs of the program's PCR PID (256), with arrival times from a constant packet
     // rate over the capture, as a constant-bitrate multiplex delivers them.
     std::vector<std::pair<size_t, KVPcrStamp>> pcrs;

@@ -1,13 +1,13 @@
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
 #include <vector>
 
 #include "kvcore/kv_bitstream.h"
 #include "mpegcore/BaseMpegParser.h"
+#include "ts_test_util.h"
 
 using namespace mpegcore;
+using namespace ts_test;
 
 namespace {
 
@@ -157,12 +157,10 @@ TEST(TransportPacket, AdaptationFieldLengthsAreBounded) {
 }
 
 TEST(TransportPacket, CorpusPcrsParseInOrder) {
-    std::ifstream in(std::string(KV_CORPUS_DIR) + "/test-072.ts", std::ios::binary);
-    if (!in) {
+    const Bytes ts = load_capture("test-072.ts");
+    if (ts.empty()) {
         GTEST_SKIP() << "no capture test-072.ts in " << KV_CORPUS_DIR;
     }
-    const std::vector<uint8_t> ts((std::istreambuf_iterator<char>(in)),
-                                  std::istreambuf_iterator<char>());
     int pcrs = 0;
     int64_t last = -1;
     for (size_t off = 0; off + TS_PACKET_SIZE <= ts.size(); off += TS_PACKET_SIZE) {

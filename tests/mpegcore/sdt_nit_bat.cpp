@@ -12,59 +12,12 @@
 #include "mpegcore/NIT.h"
 #include "mpegcore/SDT.h"
 
+#include "ts_test_util.h"
+
 using namespace mpegcore;
-using Bytes = std::vector<uint8_t>;
+using namespace ts_test;
 
 namespace {
-
-// A whole section: table_id, the flags (syntax 1, private 1, reserved 11), section_length
-// over `body` and the CRC, the body and a correct CRC.
-Bytes section(uint8_t table_id, const Bytes& body) {
-    const size_t length = body.size() + 4;
-    Bytes s{table_id, uint8_t(0xF0 | (length >> 8)), uint8_t(length)};
-    s.insert(s.end(), body.begin(), body.end());
-    const uint32_t crc = crc32_mpeg2(s.data(), s.size());
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        s.push_back(uint8_t(crc >> shift));
-    }
-    return s;
-}
-
-Bytes cat(std::initializer_list<Bytes> parts) {
-    Bytes all;
-    for (const Bytes& p : parts) {
-        all.insert(all.end(), p.begin(), p.end());
-    }
-    return all;
-}
-
-// Reads from a heap copy of exactly the given bytes, so that AddressSanitizer catches
-// any read past them.
-template <class T>
-bool read(T& table, const Bytes& bytes) {
-    const std::unique_ptr<uint8_t[]> copy(new uint8_t[bytes.size() + 1]);
-    std::copy(bytes.begin(), bytes.end(), copy.get());
-    KVSDK::KVBSReader r(copy.get(), bytes.size());
-    return table.read(r);
-}
-
-template <class T>
-Bytes render(T& table) {
-    table.RenderTable();
-    return Bytes(table.GetBuffer(), table.GetBuffer() + table.GetSizeBuffer());
-}
-
-// Every proper prefix of a good section is incomplete; the section followed by unrelated
-// bytes (the rest of a payload unit) is accepted.
-template <class T>
-void expect_prefixes_refused(const Bytes& s) {
-    for (size_t n = 0; n < s.size(); ++n) {
-        T table;
-        EXPECT_FALSE(read(table, Bytes(s.begin(), s.begin() + n))) << "prefix " << n;
-    }
-    T table;
-    EXPECT_TRUE(read(table, cat({s, Bytes(7, 0xFF)})));
-}
 
 const Bytes kServiceDesc{0x48, 8, 0x01, 2, 'K', 'V', 3, 'O', 'n', 'e'};  // service
 const Bytes kNameDesc{0x40, 3, 'N', 'e', 't'};                           // network name

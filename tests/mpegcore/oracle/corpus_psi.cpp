@@ -3,11 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <set>
@@ -25,7 +21,10 @@
 
 #include "mpegcore/BaseMpegParser.h"
 
+#include "../ts_test_util.h"
+
 using namespace mpegcore;
+using namespace ts_test;
 
 namespace {
 
@@ -173,25 +172,14 @@ void push_pid(const std::vector<uint8_t>& ts, unsigned pid, Attach attach,
 }  // namespace
 
 TEST(CorpusPsi, PatAndPmtAgreeWithLibdvbpsi) {
-    std::vector<std::string> files;
-    if (DIR* dir = opendir(KV_CORPUS_DIR)) {
-        while (dirent* e = readdir(dir)) {
-            const std::string name = e->d_name;
-            if (name.size() > 3 && name.compare(name.size() - 3, 3, ".ts") == 0) {
-                files.push_back(std::string(KV_CORPUS_DIR) + "/" + name);
-            }
-        }
-        closedir(dir);
-    }
-    if (files.empty()) {
+    const std::vector<std::string> names = capture_names();
+    if (names.empty()) {
         GTEST_SKIP() << "no captures in " << KV_CORPUS_DIR;
     }
     size_t pat_count = 0, pmt_count = 0;
-    for (const std::string& file : files) {
-        SCOPED_TRACE(file);
-        std::ifstream in(file, std::ios::binary);
-        const std::vector<uint8_t> ts((std::istreambuf_iterator<char>(in)),
-                                      std::istreambuf_iterator<char>());
+    for (const std::string& name : names) {
+        SCOPED_TRACE(name);
+        const std::vector<uint8_t> ts = load_capture(name);
         Tables their_pats;
         push_pid(
             ts, 0, [&](dvbpsi_t* h) { return dvbpsi_pat_attach(h, on_pat, &their_pats); },

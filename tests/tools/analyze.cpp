@@ -1,11 +1,14 @@
-// The capture analyzer on captures built here with known timing, known PCR errors and
-// known damage, on a real broadcast stream, and its command line.
+// The capture analyzer on captures built here with known timing, PCR errors and damage,
+// on a real broadcast stream, and its command line.
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "kv_asi_analyzer.h"
@@ -13,54 +16,47 @@
 
 using kv_asi_analyze::capture_analyzer;
 using kv_asi_analyze::report;
-using vboard_test::cbr_line;
+using Bytes = std::vector<uint8_t>;
 
 namespace {
 
 constexpr uint32_t kMask = (1u << 30) - 1;
 
-struct record {
-    uint32_t stamp;
-    std::vector<uint8_t> packet;
+// Packets back to back, and the 30-bit line stamp of each.
+struct capture {
+    Bytes ts;
+    std::vector<uint32_t> stamps;
 };
 
 // A constant-rate capture: packet k at word base + t(k), PCRs exact unless moved.
-std::vector<record> cbr_capture(const cbr_line& line, uint64_t nPackets, uint64_t base,
-                                double scale = 1.0) {
-    std::vector<record> out;
-    for (uint64_t k = 0; k < nPackets; ++k) {
-        record r;
-        r.packet.resize(188);
-        line.packet(k, r.packet.data());
-        r.stamp = uint32_t(base + uint64_t(std::llround(double(k * line.spacing) * scale))) & kMask;
-        out.push_back(r);
+capture cbr_capture(const vboard_test::cbr_line& line, uint64_t n, uint64_t base,
+                    double scale = 1.0) {
+    capture c{Bytes(n * 188), {}};
+    for (uint64_t k = 0; k < n; ++k) {
+        line.packet(k, &c.ts[k * 188]);
+        c.stamps.push_back(
+            uint32_t(base + uint64_t(std::llround(double(k * line.spacing) * scale))) & kMask);
     }
-    return out;
+    return c;
 }
 
-report analyze(const std::vector<record>& recs) {
+report analyze(const capture& c, const Bytes* source = nullptr) {
     capture_analyzer a;
-    for (const record& r : recs) {
-        a.add(r.stamp, r.packet.data());
+    if (source != nullptr) {
+        a.set_source(*source);
+    }
+    for (size_t i = 0; i < c.stamps.size(); ++i) {
+        a.add(c.stamps[i], &c.ts[i * 188]);
     }
     return a.finish();
 }
 
-std::string write_capture(const std::vector<record>& recs, const std::string& name) {
+std::string write_file(const std::string& name, const Bytes& bytes) {
     const std::string path = vboard_test::temp_path(name);
     FILE* f = fopen(path.c_str(), "wb");
-    for (const record& r : recs) {
-        const uint8_t s[4] = {uint8_t(r.stamp >> 24), uint8_t(r.stamp >> 16), uint8_t(r.stamp >> 8),
-                              uint8_t(r.stamp)};
-        fwrite(s, 4, 1, f);
-        fwrite(r.packet.data(), 188, 1, f);
-    }
+    fwrite(bytes.data(), 1, bytes.size(), f);
     fclose(f);
     return path;
-}
-
-uint16_t pid_of(const std::vector<uint8_t>& p) {
-    return uint16_t((p[1] & 0x1f) << 8 | p[2]);
 }
 
 }  // namespace
@@ -69,30 +65,27 @@ TEST(AsiAnalyze, RateIdleShareAndPcrAccuracyOfBuiltCaptures) {
     // Two seconds at 45.2 Mbit/s; the stamps wrap through 30 bits and the PCRs through
     // 2^33 * 300 within the capture.
     const uint32_t spacing = 900;
-    const uint64_t nPackets = 2 * 27000000 / spacing;
-    const cbr_line line{spacing, 20, (uint64_t(1) << 33) * 300 - 13500000};
+    const uint64_t n = 2 * 27000000 / spacing, nPcrs = n / 20;
+    const vboard_test::cbr_line line{spacing, 20, (uint64_t(1) << 33) * 300 - 13500000};
     const uint64_t base = kMask - 1000000;
 
-    std::vector<record> recs = cbr_capture(line, nPackets, base);
-    report r = analyze(recs);
-    EXPECT_EQ(r.packets, nPackets);
-    EXPECT_NEAR(r.duration_s, double((nPackets - 1) * spacing) / 27e6, 1e-9);
+    capture c = cbr_capture(line, n, base);
+    report r = analyze(c);
+    EXPECT_EQ(r.packets, n);
+    EXPECT_NEAR(r.duration_s, double((n - 1) * spacing) / 27e6, 1e-9);
     EXPECT_NEAR(r.bitrate_bps, 188.0 * 8 * 27e6 / spacing, 1e-3);
-    EXPECT_NEAR(r.idle_share, 1 - double(nPackets * 188) / double((nPackets - 1) * spacing + 188),
-                1e-9);
+    EXPECT_NEAR(r.idle_share, 1 - double(n * 188) / double((n - 1) * spacing + 188), 1e-9);
     EXPECT_TRUE(r.cc_errors.empty());
     ASSERT_EQ(r.pcr.size(), 1u);
     EXPECT_EQ(r.pcr[0].pid, 0x100);
-    EXPECT_EQ(r.pcr[0].pcrs, nPackets / 20);
+    EXPECT_EQ(r.pcr[0].pcrs, nPcrs);
     EXPECT_NEAR(r.pcr[0].max_interval_ms, 20.0 * spacing / 27000, 1e-9);
     EXPECT_LT(r.pcr[0].offset_max_ns, 0.01);
     EXPECT_LT(r.pcr[0].drift_max_ns, 0.01);
-    EXPECT_TRUE(r.pcr_within(1));
 
     // One PCR packet 27 words (1000 ns) early: its PCR is 1000 ns ahead of the line.
-    const size_t nPcrs = nPackets / 20;
-    recs[20 * 40].stamp = (recs[20 * 40].stamp - 27) & kMask;
-    r = analyze(recs);
+    c.stamps[20 * 40] = (c.stamps[20 * 40] - 27) & kMask;
+    r = analyze(c);
     ASSERT_EQ(r.pcr.size(), 1u);
     EXPECT_NEAR(r.pcr[0].offset_max_ns, 1000.0 * (1 - 1.0 / nPcrs), 0.5);
     EXPECT_NEAR(r.pcr[0].drift_max_ns, 1000.0, 20.0);
@@ -102,7 +95,7 @@ TEST(AsiAnalyze, RateIdleShareAndPcrAccuracyOfBuiltCaptures) {
     EXPECT_TRUE(r.pcr_within(1100));
 
     // The line 20 ppm slow against the PCRs: a drift, not a jitter.
-    r = analyze(cbr_capture(line, nPackets, base, 1 - 20e-6));
+    r = analyze(cbr_capture(line, n, base, 1 - 20e-6));
     ASSERT_EQ(r.pcr.size(), 1u);
     EXPECT_NEAR(r.pcr[0].drift_ppm, 20.0, 0.05);
     EXPECT_LT(r.pcr[0].drift_max_ns, 25.0);  // a word is 37 ns: rounding only
@@ -111,129 +104,130 @@ TEST(AsiAnalyze, RateIdleShareAndPcrAccuracyOfBuiltCaptures) {
 
 TEST(AsiAnalyze, ContinuityAndSourceCheckOnARealStream) {
     const std::string path = std::string(KV_CORPUS_DIR) + "/test-025.ts";
-    const std::vector<uint8_t> ts = vboard_test::read_file(path);
+    const Bytes ts = vboard_test::read_file(path);
     if (ts.empty()) {
         GTEST_SKIP() << path << " not present";
     }
     ASSERT_EQ(ts.size() % 188, 0u);
     const size_t n = ts.size() / 188;
-    const auto packet = [&](size_t i) {
-        return std::vector<uint8_t>(ts.begin() + i * 188, ts.begin() + (i + 1) * 188);
+    const auto at = [&](size_t i) { return ts.begin() + long(i * 188); };
+    const auto pid = [&](size_t i) {
+        return uint16_t((ts[i * 188 + 1] & 0x1f) << 8 | ts[i * 188 + 2]);
     };
-    const auto run = [&](const std::vector<std::vector<uint8_t>>& packets) {
-        capture_analyzer a;
-        a.set_source(ts);
-        uint32_t stamp = 0;
-        for (const auto& p : packets) {
-            a.add(stamp, p.data());
-            stamp += 1000;
+    const auto run = [&](const Bytes& packets) {
+        capture c{packets, {}};
+        for (size_t i = 0; i < packets.size() / 188; ++i) {
+            c.stamps.push_back(uint32_t(i * 1000) & kMask);
         }
-        return a.finish();
+        return analyze(c, &ts);
     };
 
-    std::vector<std::vector<uint8_t>> all;
-    for (size_t i = 0; i < n; ++i) {
-        all.push_back(packet(i));
-    }
-    const report clean = run(all);
+    const report clean = run(ts);
     EXPECT_EQ(clean.source.matched, n);
     EXPECT_EQ(clean.source.missing + clean.source.repeated + clean.source.altered, 0u);
-    ASSERT_FALSE(clean.pcr.empty());
-    EXPECT_EQ(clean.pcr[0].pid, 256);
 
-    // Damage packets that carry a payload on PIDs other than the null PID, so that each
-    // is unique in the stream.
+    // Drop, repeat and alter packets that carry a payload on PIDs other than the null PID,
+    // so that each is unique in the stream.
     const auto usable = [&](size_t i) {
-        while (pid_of(all[i]) == 0x1fff || !(all[i][3] & 0x10) || all[i] == all[i + 1]) {
+        while (pid(i) == 0x1fff || !(ts[i * 188 + 3] & 0x10) ||
+               std::equal(at(i), at(i + 1), at(i + 1))) {
             ++i;
         }
         return i;
     };
     const size_t first = usable(50), drop = usable(first + 100), dup = usable(drop + 100),
                  flip = usable(dup + 100);
-    std::vector<std::vector<uint8_t>> damaged;
+    Bytes damaged;
     for (size_t i = first; i + 30 < n; ++i) {
-        if (i == drop) {
-            continue;
-        }
-        damaged.push_back(all[i]);
-        if (i == dup) {
-            damaged.push_back(all[i]);  // sent twice: a legal duplicate, not a CC error
+        for (int copies = i == drop ? 0 : i == dup ? 2 : 1; copies > 0; --copies) {
+            damaged.insert(damaged.end(), at(i), at(i + 1));  // twice: a legal duplicate
         }
         if (i == flip) {
-            damaged.back()[150] ^= 0x01;
+            damaged[damaged.size() - 188 + 150] ^= 0x01;
         }
     }
     const report r = run(damaged);
-    EXPECT_EQ(r.source.missing, 1u);
-    EXPECT_EQ(r.source.repeated, 1u);
-    EXPECT_EQ(r.source.altered, 1u);
-    EXPECT_EQ(r.source.unsent_head, first);
-    EXPECT_EQ(r.source.unsent_tail, 30u);
-    EXPECT_EQ(r.source.matched, n - first - 30 - 2);
-    ASSERT_EQ(r.source.details.size(), 3u);
-    EXPECT_NE(r.source.details[0].find("missing"), std::string::npos);
-    const uint16_t pid = pid_of(all[drop]);
-    const auto count = [](const report& x, uint16_t p) {
-        const auto it = x.cc_errors.find(p);
-        return it == x.cc_errors.end() ? uint64_t(0) : it->second;
-    };
-    EXPECT_EQ(count(r, pid), count(clean, pid) + 1);
-    for (const auto& e : r.cc_errors) {
-        if (e.first != pid) {
-            EXPECT_EQ(e.second, count(clean, e.first)) << "PID " << e.first;
-        }
-    }
+    const kv_asi_analyze::source_report& sr = r.source;
+    EXPECT_EQ(std::make_tuple(sr.missing, sr.repeated, sr.altered, sr.unsent_head, sr.unsent_tail,
+                              sr.matched),
+              std::make_tuple(1u, 1u, 1u, first, 30u, n - first - 30 - 2));
+    ASSERT_EQ(sr.details.size(), 3u);
+    EXPECT_NE(sr.details[0].find("missing"), std::string::npos);
+    // Only the dropped packet's PID gains a continuity error.
+    std::map<uint16_t, uint64_t> cc = clean.cc_errors;
+    ++cc[pid(drop)];
+    EXPECT_EQ(r.cc_errors, cc);
 }
 
 TEST(AsiAnalyze, CommandLineResultsAndBadFiles) {
-    const cbr_line line{1000, 5, 0};
-    std::vector<record> recs = cbr_capture(line, 400, 0);
-    recs[100].stamp -= 30;  // one PCR 1111 ns early
-    const std::string good = write_capture(recs, "good.cap");
+    capture c = cbr_capture({1000, 5, 0}, 400, 0);
+    c.stamps[100] -= 30;  // one PCR 1111 ns early
+    Bytes bytes;          // the capture file: a big-endian stamp before each packet
+    for (size_t i = 0; i < c.stamps.size(); ++i) {
+        const uint32_t s = c.stamps[i];
+        bytes.insert(bytes.end(),
+                     {uint8_t(s >> 24), uint8_t(s >> 16), uint8_t(s >> 8), uint8_t(s)});
+        bytes.insert(bytes.end(), &c.ts[i * 188], &c.ts[i * 188] + 188);
+    }
+    const std::string good = write_file("good.cap", bytes);
+    const std::string source = write_file("source.ts", c.ts);
     std::string out, err;
-    EXPECT_EQ(kv_asi_analyze::run({good}, out, err), 0);
+    EXPECT_EQ(kv_asi_analyze::run({good, "--start-up", "0"}, out, err), 0);
     EXPECT_EQ(out.find("capture: 400 packets"), 0u) << out;
     EXPECT_NE(out.find("EXCEEDS"), std::string::npos) << out;
-    EXPECT_EQ(kv_asi_analyze::run({good, "--max-pcr-ac", "500"}, out, err), 1);
-    EXPECT_EQ(kv_asi_analyze::run({"--json", good, "--max-pcr-ac", "2000"}, out, err), 0);
+    EXPECT_EQ(kv_asi_analyze::run({good, "--max-pcr-ac", "500", "--start-up", "0"}, out, err), 1);
+    EXPECT_EQ(
+        kv_asi_analyze::run({"--json", good, "--max-pcr-ac", "2000", "--start-up", "0"}, out, err),
+        0);
     EXPECT_NE(out.find("\"packets\": 400"), std::string::npos) << out;
     EXPECT_NE(out.find("\"pcr_ac_ok\": true"), std::string::npos) << out;
-
-    // Source check through files: the capture is the source's first 400 packets.
-    const std::string source = vboard_test::temp_path("source.ts");
-    FILE* f = fopen(source.c_str(), "wb");
-    for (const record& r : recs) {
-        fwrite(r.packet.data(), 188, 1, f);
-    }
-    fclose(f);
+    // By default the line's first ten frames, all of this capture, are left out.
+    EXPECT_EQ(kv_asi_analyze::run({good, "--max-pcr-ac", "500"}, out, err), 0);
+    EXPECT_NE(out.find("its 80 PCRs left out"), std::string::npos) << out;
+    EXPECT_EQ(kv_asi_analyze::run({good, "--start-up", "-1"}, out, err), 2);
+    // The capture is the source's first 400 packets.
     EXPECT_EQ(kv_asi_analyze::run({good, "--source", source}, out, err), 0);
     EXPECT_NE(out.find("400 sent in order, 0 missing"), std::string::npos) << out;
 
-    // Bad files give one line on the error stream and status 2.
-    std::vector<uint8_t> bytes = vboard_test::read_file(good);
-    const auto bad = [&](const std::vector<uint8_t>& content, const char* expected) {
-        const std::string p = vboard_test::temp_path("bad.cap");
-        FILE* b = fopen(p.c_str(), "wb");
-        fwrite(content.data(), 1, content.size(), b);
-        fclose(b);
-        std::string o, e;
-        EXPECT_EQ(kv_asi_analyze::run({p}, o, e), 2) << expected;
+    // Bad files give one line on the error stream and status 2: {bytes kept, byte changed,
+    // its value, message}.
+    const std::tuple<size_t, size_t, uint8_t, const char*> cases[] = {
+        {192 * 3 + 100, 0, 0x47, "truncated"},
+        {bytes.size(), 192 * 7 + 4, 0x48, "record 7 has no sync byte"},
+        {bytes.size(), 192 * 9, 0x40, "record 9 has a stamp above 30 bits"}};
+    for (const auto& [size, at, value, expected] : cases) {
+        Bytes content(bytes.begin(), bytes.begin() + long(size));
+        content[at] = value;
+        const std::string p = write_file("bad.cap", content);
+        std::string e;
+        EXPECT_EQ(kv_asi_analyze::run({p}, out, e), 2) << expected;
         EXPECT_NE(e.find(expected), std::string::npos) << e;
         EXPECT_EQ(e.find('\n'), e.size() - 1) << e;
         remove(p.c_str());
-    };
-    bad(std::vector<uint8_t>(bytes.begin(), bytes.begin() + 192 * 3 + 100), "truncated");
-    std::vector<uint8_t> c = bytes;
-    c[192 * 7 + 4] = 0x48;
-    bad(c, "record 7 has no sync byte");
-    c = bytes;
-    c[192 * 9] = 0x40;
-    bad(c, "record 9 has a stamp above 30 bits");
+    }
     EXPECT_EQ(kv_asi_analyze::run({good + ".missing"}, out, err), 2);
     EXPECT_NE(err.find("cannot open"), std::string::npos) << err;
     EXPECT_EQ(kv_asi_analyze::run({good, "--source", good}, out, err), 2);  // not 188-byte packets
     EXPECT_EQ(kv_asi_analyze::run({}, out, err), 2);
     remove(good.c_str());
     remove(source.c_str());
+}
+
+TEST(AsiAnalyze, StartUpFramesLeaveOutEarlyPcrsOnly) {
+    // One frame is 540000 words; packets every 1000 words, a PCR on every fifth one: the
+    // PCR at word 540000 is the first one measured.
+    for (const auto& [late, within] : {std::pair{535, true}, std::pair{545, false}}) {
+        capture c = cbr_capture({1000, 5, 0}, 1000, 0);
+        c.stamps[size_t(late)] -= 30;  // one PCR 1111 ns early
+        capture_analyzer a;
+        a.set_start_up_frames(1);
+        for (size_t i = 0; i < c.stamps.size(); ++i) {
+            a.add(c.stamps[i], &c.ts[i * 188]);
+        }
+        const report r = a.finish();
+        ASSERT_EQ(r.pcr.size(), 1u);
+        EXPECT_EQ(r.pcr[0].pcrs, 200u);
+        EXPECT_EQ(r.pcr[0].start_up_pcrs, 108u);
+        EXPECT_EQ(r.pcr_within(500), within) << late;
+    }
 }

@@ -1,11 +1,11 @@
 #pragma once
 
-// A strict JSON reader for the inspector's tests: it accepts exactly RFC 8259 documents
-// (one value, optional white space around it), so a line the inspector gets wrong fails
-// to parse. Numbers are kept as double (exact for every integer the inspector writes).
+// A strict JSON reader for the inspector's tests: only RFC 8259 documents parse, so a line
+// the inspector gets wrong fails. Numbers are doubles (exact for every integer written).
 
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,20 +14,11 @@ namespace inspect_test {
 
 struct Json {
     enum Kind { Null, Bool, Number, String, Array, Object } kind = Null;
-    bool boolean = false;
-    double number = 0;
-    std::string text;  // UTF-8
+    double number = 0;  // 0 or 1 for a Bool
+    std::string text;   // UTF-8
     std::vector<Json> items;
     std::vector<std::pair<std::string, Json>> members;
 
-    bool has(const std::string& key) const {
-        for (const auto& m : members) {
-            if (m.first == key) {
-                return true;
-            }
-        }
-        return false;
-    }
     // A missing member or item reads as null.
     const Json& operator[](const std::string& key) const {
         for (const auto& m : members) {
@@ -38,6 +29,7 @@ struct Json {
         return none();
     }
     const Json& operator[](size_t i) const { return i < items.size() ? items[i] : none(); }
+    bool has(const std::string& key) const { return &(*this)[key] != &none(); }
     uint64_t u() const { return static_cast<uint64_t>(number); }
     static const Json& none() {
         static const Json n;
@@ -45,169 +37,124 @@ struct Json {
     }
 };
 
-class JsonParser {
+class JsonReader {
 public:
-    explicit JsonParser(const std::string& s) : m_s(s) {}
-
-    bool parse(Json& out) { return value(out, 0) && (space(), m_at == m_s.size()); }
+    explicit JsonReader(const std::string& s) : m_s(s) {}
+    bool document(Json& out) { return value(out, 0) && (space(), m_at == m_s.size()); }
 
 private:
+    char peek() const { return m_at < m_s.size() ? m_s[m_at] : '\0'; }
     void space() {
-        while (m_at < m_s.size() &&
-               (m_s[m_at] == ' ' || m_s[m_at] == '\t' || m_s[m_at] == '\n' || m_s[m_at] == '\r')) {
+        while (peek() == ' ' || peek() == '\t' || peek() == '\n' || peek() == '\r') {
             ++m_at;
         }
     }
     bool eat(char c) {
         space();
-        if (m_at < m_s.size() && m_s[m_at] == c) {
-            ++m_at;
-            return true;
-        }
-        return false;
-    }
-    bool word(const char* w) {
-        const std::string s(w);
-        if (m_s.compare(m_at, s.size(), s) != 0) {
+        if (peek() != c) {  // never '\0'
             return false;
         }
-        m_at += s.size();
+        ++m_at;
         return true;
     }
-    static void utf8(std::string& out, unsigned c) {
-        if (c < 0x80) {
-            out += char(c);
-        } else if (c < 0x800) {
-            out += char(0xC0 | c >> 6), out += char(0x80 | (c & 0x3F));
-        } else {
-            out += char(0xE0 | c >> 12), out += char(0x80 | (c >> 6 & 0x3F)),
-                out += char(0x80 | (c & 0x3F));
+    bool digits() {
+        const size_t from = m_at;
+        while (peek() >= '0' && peek() <= '9') {
+            ++m_at;
         }
+        return m_at > from;
     }
     bool string(std::string& out) {
+        static const char kEscape[] = "\"\\/bfnrt", kValue[] = "\"\\/\b\f\n\r\t";
         if (!eat('"')) {
             return false;
         }
         while (m_at < m_s.size()) {
             const unsigned char c = m_s[m_at++];
-            if (c == '"') {
-                return true;
-            }
-            if (c < 0x20) {
-                return false;
+            if (c == '"' || c < 0x20) {
+                return c == '"';
             }
             if (c != '\\') {
                 out += char(c);
                 continue;
             }
-            if (m_at >= m_s.size()) {
-                return false;
-            }
-            const char e = m_s[m_at++];
-            const char* simple = "\"\\/bfnrt";
-            const char* value = "\"\\/\b\f\n\r\t";
-            bool found = false;
-            for (int i = 0; simple[i]; ++i) {
-                if (e == simple[i]) {
-                    out += value[i];
-                    found = true;
-                }
-            }
-            if (found) {
+            const char e = peek();
+            if (const char* p = e != '\0' ? std::strchr(kEscape, e) : nullptr) {
+                out += kValue[p - kEscape];
+                ++m_at;
                 continue;
             }
-            if (e != 'u' || m_at + 4 > m_s.size()) {
+            if (e != 'u' || m_at + 5 > m_s.size() ||
+                m_s.find_first_not_of("0123456789abcdefABCDEF", m_at + 1) < m_at + 5) {
                 return false;
             }
-            unsigned code = 0;
-            for (int i = 0; i < 4; ++i) {
-                const char h = m_s[m_at++];
-                const int d = h >= '0' && h <= '9'   ? h - '0'
-                              : h >= 'a' && h <= 'f' ? h - 'a' + 10
-                              : h >= 'A' && h <= 'F' ? h - 'A' + 10
-                                                     : -1;
-                if (d < 0) {
-                    return false;
-                }
-                code = code * 16 + unsigned(d);
+            // One code point below U+10000: the inspector writes no surrogate pairs.
+            const unsigned code =
+                unsigned(std::strtoul(m_s.substr(m_at + 1, 4).c_str(), nullptr, 16));
+            m_at += 5;
+            if (code < 0x80) {
+                out += char(code);
+            } else if (code < 0x800) {
+                out += {char(0xC0 | code >> 6), char(0x80 | (code & 0x3F))};
+            } else {
+                out += {char(0xE0 | code >> 12), char(0x80 | (code >> 6 & 0x3F)),
+                        char(0x80 | (code & 0x3F))};
             }
-            utf8(out, code);  // the inspector never writes surrogate pairs
         }
         return false;
     }
     bool value(Json& v, int depth) {
         space();
-        if (m_at >= m_s.size() || depth > 64) {
+        if (depth > 64) {
             return false;
         }
-        const char c = m_s[m_at];
-        if (c == '{') {
-            ++m_at;
-            v.kind = Json::Object;
-            if (eat('}')) {
+        if (peek() == '{' || peek() == '[') {
+            const bool object = m_s[m_at++] == '{';
+            const char close = object ? '}' : ']';
+            v.kind = object ? Json::Object : Json::Array;
+            if (eat(close)) {
                 return true;
             }
             do {
-                std::string key;
-                Json member;
-                if (!string(key) || !eat(':') || !value(member, depth + 1)) {
+                std::pair<std::string, Json> m;
+                if ((object && !(string(m.first) && eat(':'))) || !value(m.second, depth + 1)) {
                     return false;
                 }
-                v.members.emplace_back(std::move(key), std::move(member));
-            } while (eat(','));
-            return eat('}');
-        }
-        if (c == '[') {
-            ++m_at;
-            v.kind = Json::Array;
-            if (eat(']')) {
-                return true;
-            }
-            do {
-                v.items.emplace_back();
-                if (!value(v.items.back(), depth + 1)) {
-                    return false;
+                if (object) {
+                    v.members.push_back(std::move(m));
+                } else {
+                    v.items.push_back(std::move(m.second));
                 }
             } while (eat(','));
-            return eat(']');
+            return eat(close);
         }
-        if (c == '"') {
+        if (peek() == '"') {
             v.kind = Json::String;
             return string(v.text);
         }
-        if (word("true") || word("false")) {
-            v.kind = Json::Bool;
-            v.boolean = c == 't';
-            return true;
-        }
-        if (word("null")) {
-            return true;
+        for (const char* word : {"null", "false", "true"}) {
+            if (m_s.compare(m_at, std::strlen(word), word) == 0) {
+                m_at += std::strlen(word);
+                v.kind = *word == 'n' ? Json::Null : Json::Bool;
+                v.number = *word == 't';
+                return true;
+            }
         }
         // -?(0|[1-9][0-9]*)(\.[0-9]+)?([eE][+-]?[0-9]+)?
         const size_t start = m_at;
-        auto digits = [&] {
-            const size_t from = m_at;
-            while (m_at < m_s.size() && m_s[m_at] >= '0' && m_s[m_at] <= '9') {
-                ++m_at;
-            }
-            return m_at > from;
-        };
-        if (m_s[m_at] == '-') {
+        if (peek() == '-') {
             ++m_at;
         }
-        if (m_at < m_s.size() && m_s[m_at] == '0') {
+        if (peek() == '0') {
             ++m_at;
         } else if (!digits()) {
             return false;
         }
-        if (m_at < m_s.size() && m_s[m_at] == '.' && (++m_at, !digits())) {
+        if (peek() == '.' && (++m_at, !digits())) {
             return false;
         }
-        if (m_at < m_s.size() && (m_s[m_at] == 'e' || m_s[m_at] == 'E')) {
-            ++m_at;
-            if (m_at < m_s.size() && (m_s[m_at] == '+' || m_s[m_at] == '-')) {
-                ++m_at;
-            }
+        if (peek() == 'e' || peek() == 'E') {
+            m_at += m_at + 1 < m_s.size() && (m_s[m_at + 1] == '+' || m_s[m_at + 1] == '-') ? 2 : 1;
             if (!digits()) {
                 return false;
             }
@@ -223,7 +170,7 @@ private:
 
 inline bool parse_json(const std::string& text, Json& out) {
     out = Json();
-    return JsonParser(text).parse(out);
+    return JsonReader(text).document(out);
 }
 
 // The bytes of DVB text as the inspector writes it: one character per byte, or after a

@@ -64,6 +64,9 @@ struct capture_analyzer::pid_state {
     int64_t pcrWraps = 0;
     uint32_t segment = 0;
     uint32_t discontinuities = 0;
+    uint64_t nPcrs = 0;  // all PCRs, those of the start-up included
+    uint64_t startUpPcrs = 0;
+    uint64_t lastPcrWords = 0;
     uint64_t maxIntervalWords = 0;
 };
 
@@ -156,7 +159,7 @@ void capture_analyzer::take_pcr(uint16_t pid, const uint8_t* p, uint64_t t) {
     const int64_t raw = base * 300 + ext;
     pid_state& s = m_pids[pid];
     if (p[5] & 0x80) {
-        if (!s.pcrs.empty()) {
+        if (s.nPcrs > 0) {
             ++s.segment;
             ++s.discontinuities;
         }
@@ -164,10 +167,16 @@ void capture_analyzer::take_pcr(uint16_t pid, const uint8_t* p, uint64_t t) {
     } else if (s.lastRawPcr >= 0 && raw + kPcrModulus / 2 < s.lastRawPcr) {
         ++s.pcrWraps;
     }
-    if (!s.pcrs.empty()) {
-        s.maxIntervalWords = std::max(s.maxIntervalWords, t - s.pcrs.back().t);
+    if (s.nPcrs > 0) {
+        s.maxIntervalWords = std::max(s.maxIntervalWords, t - s.lastPcrWords);
     }
+    ++s.nPcrs;
+    s.lastPcrWords = t;
     s.lastRawPcr = raw;
+    if (t < m_nStartUpWords) {
+        ++s.startUpPcrs;
+        return;
+    }
     s.pcrs.push_back({t, raw + s.pcrWraps * kPcrModulus, s.segment});
 }
 
@@ -251,12 +260,13 @@ report capture_analyzer::finish() {
         if (s.ccErrors > 0) {
             r.cc_errors[entry.first] = s.ccErrors;
         }
-        if (s.pcrs.empty()) {
+        if (s.nPcrs == 0) {
             continue;
         }
         pcr_report pr;
         pr.pid = entry.first;
-        pr.pcrs = s.pcrs.size();
+        pr.pcrs = s.nPcrs;
+        pr.start_up_pcrs = s.startUpPcrs;
         pr.max_interval_ms = double(s.maxIntervalWords) / kWordsPerSecond * 1e3;
         pr.discontinuities = s.discontinuities;
         // Each segment between discontinuities gets its own offset and drift.
@@ -300,8 +310,9 @@ report capture_analyzer::finish() {
             }
             begin = end;
         }
-        pr.offset_rms_ns = std::sqrt(sumOffset2 / double(s.pcrs.size()));
-        pr.drift_rms_ns = std::sqrt(sumDrift2 / double(s.pcrs.size()));
+        const double fitted = double(std::max<size_t>(s.pcrs.size(), 1));
+        pr.offset_rms_ns = std::sqrt(sumOffset2 / fitted);
+        pr.drift_rms_ns = std::sqrt(sumDrift2 / fitted);
         pr.drift_ppm = slopeWeight > 0 ? weightedSlope / slopeWeight * 1e6 : 0.0;
         r.pcr.push_back(pr);
     }
@@ -372,8 +383,9 @@ bool read_source(const std::string& path, std::vector<uint8_t>& data, std::strin
 }  // namespace
 
 bool analyze_files(const std::string& capture, const std::string& source, report& out,
-                   std::string& error) {
+                   std::string& error, unsigned start_up_frames) {
     capture_analyzer a;
+    a.set_start_up_frames(start_up_frames);
     if (!source.empty()) {
         std::vector<uint8_t> data;
         if (!read_source(source, data, error)) {
@@ -452,6 +464,10 @@ std::string format_text(const report& r, double max_pcr_ac_ns) {
             s += printf_string(", %u discontinuities", p.discontinuities);
         }
         s += "\n";
+        if (p.start_up_pcrs > 0) {
+            s += printf_string("  accuracy after the line's start-up (its %llu PCRs left out)\n",
+                               (unsigned long long)p.start_up_pcrs);
+        }
         s += printf_string("  accuracy, offset removed: max %.1f ns, rms %.1f ns (%s)\n",
                            p.offset_max_ns, p.offset_rms_ns, mark(p.offset_max_ns));
         s += printf_string(
@@ -526,8 +542,10 @@ std::string format_json(const report& r, double max_pcr_ac_ns) {
     sep = "";
     for (const pcr_report& p : r.pcr) {
         s += sep;
-        s += printf_string("{\"pid\": %u, \"pcrs\": %llu, \"discontinuities\": %u, ",
-                           unsigned(p.pid), (unsigned long long)p.pcrs, p.discontinuities);
+        s += printf_string(
+            "{\"pid\": %u, \"pcrs\": %llu, \"start_up_pcrs\": %llu, \"discontinuities\": %u, ",
+            unsigned(p.pid), (unsigned long long)p.pcrs, (unsigned long long)p.start_up_pcrs,
+            p.discontinuities);
         s += "\"max_interval_ms\": " + json_number(p.max_interval_ms) + ", ";
         s += "\"offset_max_ns\": " + json_number(p.offset_max_ns) + ", ";
         s += "\"offset_rms_ns\": " + json_number(p.offset_rms_ns) + ", ";
@@ -569,10 +587,14 @@ std::string format_json(const report& r, double max_pcr_ac_ns) {
 
 int run(const std::vector<std::string>& args, std::string& out, std::string& err) {
     static const char* const kUsage =
-        "usage: kv-asi-analyze CAPTURE [--source FILE.ts] [--json] [--max-pcr-ac NS]\n";
+        "usage: kv-asi-analyze CAPTURE [--source FILE.ts] [--json] [--max-pcr-ac NS]\n"
+        "                      [--start-up FRAMES]\n"
+        "  --start-up FRAMES  20 ms frames at the start of the line left out of the PCR\n"
+        "                     accuracy (10; 0 measures the whole line)\n";
     std::string capture, source;
     bool bJson = false;
     double maxPcrAc = -1;
+    unsigned startUpFrames = kDefaultStartUpFrames;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
         if (a == "--json") {
@@ -586,6 +608,14 @@ int run(const std::vector<std::string>& args, std::string& out, std::string& err
                 err = "kv-asi-analyze: --max-pcr-ac needs a number of nanoseconds\n";
                 return 2;
             }
+        } else if (a == "--start-up" && i + 1 < args.size()) {
+            char* end = nullptr;
+            const unsigned long n = strtoul(args[++i].c_str(), &end, 10);
+            if (*end != '\0' || args[i].empty() || args[i][0] == '-' || n > 100000) {
+                err = "kv-asi-analyze: --start-up needs a number of frames\n";
+                return 2;
+            }
+            startUpFrames = unsigned(n);
         } else if (a == "-h" || a == "--help") {
             out = kUsage;
             return 0;
@@ -605,7 +635,7 @@ int run(const std::vector<std::string>& args, std::string& out, std::string& err
     }
     report r;
     std::string error;
-    if (!analyze_files(capture, source, r, error)) {
+    if (!analyze_files(capture, source, r, error, startUpFrames)) {
         err = "kv-asi-analyze: " + error + "\n";
         return 2;
     }

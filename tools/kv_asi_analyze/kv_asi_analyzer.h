@@ -20,10 +20,18 @@ constexpr size_t kRecordSize = 192;
 constexpr double kWordsPerSecond = 27e6;
 // PCR accuracy limit of ETSI TR 101 290.
 constexpr double kPcrAccuracyLimitNs = 500.0;
+// Line words in one 20 ms output frame.
+constexpr uint64_t kWordsPerFrame = 540000;
+// Frames at the start of the line left out of the PCR accuracy by default: the device
+// primes six buffers before its first one comes back, and that first one is numbered as
+// the line's seventh frame, so everything before it sits one frame (20 ms) apart from
+// everything after it.
+constexpr unsigned kDefaultStartUpFrames = 10;
 
 struct pcr_report {
     uint16_t pid = 0;
     uint64_t pcrs = 0;
+    uint64_t start_up_pcrs = 0;  // PCRs in the start-up frames, left out of the accuracy
     double max_interval_ms = 0;  // longest gap between PCRs on the line
     // PCR value against the packet's time on the line, constant offset removed.
     double offset_max_ns = 0;
@@ -67,6 +75,9 @@ public:
 
     // The source the capture should reproduce: whole 188-byte packets. Call before add.
     void set_source(std::vector<uint8_t> source);
+    // PCRs sent in the line's first `frames` frames count as PCRs but are left out of
+    // the accuracy figures (none by default). Call before add.
+    void set_start_up_frames(unsigned frames) { m_nStartUpWords = frames * kWordsPerFrame; }
     // One capture record's stamp (30 bits) and packet.
     void add(uint32_t stamp, const uint8_t* packet);
     report finish();
@@ -84,6 +95,7 @@ private:
     uint32_t m_nLastStamp = 0;
     uint64_t m_tFirst = 0;
     uint64_t m_tLine = 0;  // unwrapped word index of the last record
+    uint64_t m_nStartUpWords = 0;
     std::map<uint16_t, pid_state> m_pids;
     std::unique_ptr<source_index> m_pSource;
     source_report m_source;
@@ -92,12 +104,13 @@ private:
 // Reads and analyses a capture file, and the source when its path is not empty. False
 // with a one-line error text for unreadable, truncated or malformed files.
 bool analyze_files(const std::string& capture, const std::string& source, report& out,
-                   std::string& error);
+                   std::string& error, unsigned start_up_frames = 0);
 
 std::string format_text(const report& r, double max_pcr_ac_ns);
 std::string format_json(const report& r, double max_pcr_ac_ns);
 
-// The command line: kv-asi-analyze CAPTURE [--source FILE.ts] [--json] [--max-pcr-ac NS].
+// The command line: kv-asi-analyze CAPTURE [--source FILE.ts] [--json] [--max-pcr-ac NS]
+// [--start-up FRAMES] (kDefaultStartUpFrames unless given).
 // Returns the exit status: 0, 1 when a PCR PID exceeds --max-pcr-ac, 2 on bad usage or
 // a bad file.
 int run(const std::vector<std::string>& args, std::string& out, std::string& err);

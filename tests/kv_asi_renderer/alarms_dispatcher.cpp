@@ -72,9 +72,17 @@ TEST(AlarmsDispatcher, ManagerSetBeforeStartAcrossRestarts) {
 
     alarms.set_alarm_manager(&host);  // the same manager again changes nothing
     EXPECT_EQ(host.take(), "");
+
+    // Starting again replaces each counter under its key; the set still holds two.
+    alarms.start();
+    EXPECT_EQ(host.take(), "-u+u-o+o");
+    EXPECT_NE(host.last['u'], u);
+    EXPECT_EQ(host.last['u']->hash(), u->hash());
+    alarms.stop();
+    EXPECT_EQ(host.take(), "-u-o" + host.all('-'));
 }
 
-TEST(AlarmsDispatcher, ManagerReplacedClearedOrSetAfterStart) {
+TEST(AlarmsDispatcher, ManagerReplacedClearedSetAfterStartOrNoSourceName) {
     recorder a, b;
     dispatcher alarms(&a);
     alarms.start();
@@ -97,34 +105,16 @@ TEST(AlarmsDispatcher, ManagerReplacedClearedOrSetAfterStart) {
     EXPECT_EQ(a.take(), "-u-o" + a.all('-'));
     alarms.start();
     EXPECT_EQ(a.take(), a.all('+'));
-}
 
-TEST(AlarmsDispatcher, StartTwiceReplacesEachCounterUnderItsKey) {
-    recorder host;
-    dispatcher alarms(&host);
-    alarms.start();
-    const alarm_ptr first = host.last['u'];
-    host.take();
-
-    alarms.start();
-    EXPECT_EQ(host.take(), "-u+u-o+o");
-    EXPECT_NE(host.last['u'], first);
-    EXPECT_EQ(host.last['u']->hash(), first->hash());
-    alarms.stop();  // the set holds two alarms, not four
-    EXPECT_EQ(host.take(), "-u-o" + host.all('-'));
-}
-
-TEST(AlarmsDispatcher, NoAlarmsWithoutASourceName) {
-    recorder host;
-    dispatcher alarms(&host);
-    alarms.set_source_name("");
-    alarms.start();
-    alarms.fifo_underflow_event();
-    alarms.stop();
-    EXPECT_EQ(host.take(), "");
-
-    alarms.set_source_name("out2");  // used by the next start
-    alarms.start();
-    EXPECT_EQ(host.take(), host.all('+'));
-    EXPECT_EQ(host.last['u']->get_data().source, "out2");
+    // Without a source name there are no alarms; a name set later counts from next start.
+    dispatcher unnamed(&b);
+    unnamed.set_source_name("");
+    unnamed.start();
+    unnamed.fifo_underflow_event();
+    unnamed.stop();
+    EXPECT_EQ(b.take(), "");
+    unnamed.set_source_name("out2");
+    unnamed.start();
+    EXPECT_EQ(b.take(), b.all('+'));
+    EXPECT_EQ(b.last['u']->get_data().source, "out2");
 }

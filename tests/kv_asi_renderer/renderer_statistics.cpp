@@ -6,37 +6,14 @@
 
 #include "kv_asi_renderer/kv_asi_renderer_statistics.h"
 
-namespace {
-
 using rows = std::vector<std::pair<std::string, std::string>>;
-
-// The six fixed rows, then `more`, then the last error.
-rows expected(const std::string& time, const std::string& counts, rows more = {},
-              const std::string& error = "") {
-    rows r{{"Device time", time},      {"Stream time", time},       {"Fullness fifo", time},
-           {"Skip HW frames", counts}, {"Skip TS packets", counts}, {"Reset", counts}};
-    r.insert(r.end(), more.begin(), more.end());
-    r.emplace_back("Last error", error);
-    return r;
-}
-
-kv_asi_renderer_statistics::jitter_map jitters(std::vector<std::pair<uint16_t, int64_t>> list) {
-    kv_asi_renderer_statistics::jitter_map map;
-    for (auto [pid, units] : list) {
-        map[pid].m_nJitter = units;
-    }
-    return map;
-}
-
-}  // namespace
 
 TEST(RendererStatistics, RowsInFixedOrderWithTheirFormats) {
     kv_asi_renderer_statistics stats;
-    EXPECT_EQ(stats.get_items(), expected("000:00:00.100", "0"));
-
-    stats.set_device_time(36000000000000ULL);  // 1000 hours: the hour field widens
-    stats.set_stream_time(37234560000ULL);     // 1 h 2 min 3.456 s
-    stats.set_fullnes_fifo_time(999999);       // 99.9999 ms: milliseconds truncate
+    EXPECT_EQ(stats.get_items()[0].second, "000:00:00.100");  // construction, unlike reset
+    stats.set_device_time(36000000000000ULL);                 // 1000 hours: the hour field widens
+    stats.set_stream_time(37234560000ULL);                    // 1 h 2 min 3.456 s
+    stats.set_fullnes_fifo_time(999999);                      // 99.9999 ms: milliseconds truncate
     stats.set_reset();
     stats.set_reset();
     stats.set_skip_hw_frame(9);
@@ -44,7 +21,9 @@ TEST(RendererStatistics, RowsInFixedOrderWithTheirFormats) {
     stats.add_skip_ts_packets(3);
     stats.add_skip_ts_packets(4);
     stats.set_last_error("Fifo overflow");
-    auto map = jitters({{0x1FFF, -1350}, {0x0100, 1350}});
+    kv_asi_renderer_statistics::jitter_map map;
+    map[0x1FFF].m_nJitter = -1350;
+    map[0x0100].m_nJitter = 1350;
     stats.set_jitters(std::move(map));
     EXPECT_TRUE(map.empty());
 
@@ -59,12 +38,18 @@ TEST(RendererStatistics, RowsInFixedOrderWithTheirFormats) {
                                        {"Pid PCR [ns]: #8191", "-1350"},
                                        {"Last error", "Fifo overflow"}}));
 
-    // A new map replaces the old one.
-    stats.set_jitters(jitters({{0x21, 0}}));
-    EXPECT_EQ(stats.get_items()[6],
-              (std::pair<std::string, std::string>{"Pid PCR [ns]: #33", "0"}));
-
-    // Reset starts from zero, unlike construction.
+    // A new map replaces the old one; reset starts every row from zero.
+    map[0x21].m_nJitter = 0;
+    stats.set_jitters(std::move(map));
+    EXPECT_EQ(stats.get_items().size(), 8u);
+    EXPECT_EQ(stats.get_items()[6].first, "Pid PCR [ns]: #33");
     stats.reset();
-    EXPECT_EQ(stats.get_items(), expected("000:00:00.000", "0"));
+    const std::string z = "000:00:00.000";
+    EXPECT_EQ(stats.get_items(), (rows{{"Device time", z},
+                                       {"Stream time", z},
+                                       {"Fullness fifo", z},
+                                       {"Skip HW frames", "0"},
+                                       {"Skip TS packets", "0"},
+                                       {"Reset", "0"},
+                                       {"Last error", ""}}));
 }

@@ -1,4 +1,6 @@
 #pragma once
+// The emulated board shared by the device and engine tests, and counts of what the process
+// still holds (descriptors, threads, buffer mappings) for leak checks.
 
 #include <dirent.h>
 #include <gtest/gtest.h>
@@ -11,8 +13,55 @@
 #include "kv_asi_renderer/kv_v4l2_asi_output_device.h"
 #include "kv_vboard.h"
 
-// How the emulated board is built: multi-planar only or not, paced by its clock or
-// free-running (a frame leaves as soon as a buffer is queued).
+constexpr uint64_t kFrame = 200000;  // 100 ns units per 1/50 s frame
+constexpr uint64_t kBufferBytes = 675000;
+
+// Entries of a /proc/self directory: open descriptors ("fd") or threads ("task").
+inline int proc_self_count(const char* what) {
+    int n = 0;
+    if (DIR* d = opendir((std::string("/proc/self/") + what).c_str())) {
+        while (dirent* e = readdir(d)) {
+            n += e->d_name[0] != '.';
+        }
+        closedir(d);
+    }
+    return n;
+}
+
+// Host mappings of the board's buffer memory still in place.
+inline int board_mapping_count() {
+    int n = 0;
+    if (FILE* f = std::fopen("/proc/self/maps", "r")) {
+        char line[1024];
+        while (std::fgets(line, sizeof(line), f)) {
+            n += std::strstr(line, "kv_vboard_buffers") != nullptr;
+        }
+        std::fclose(f);
+    }
+    return n;
+}
+
+// Adds (or replaces) the board answering for `node`; a free-running board sends a frame
+// as soon as a buffer is queued, a paced one follows its clock.
+inline void add_vboard(const char* node, bool mplane, bool freerun, uint32_t first_sequence = 2,
+                       uint32_t sizeimage = 675000, const std::string& capture = "") {
+    kv_vboard_config cfg;
+    kv_vboard_default_config(&cfg);
+    std::snprintf(cfg.node, sizeof(cfg.node), "%s", node);
+    std::snprintf(cfg.capture, sizeof(cfg.capture), "%s", capture.c_str());
+    cfg.mplane = mplane;
+    cfg.freerun = freerun;
+    cfg.first_sequence = first_sequence;
+    cfg.sizeimage = sizeimage;
+    ASSERT_EQ(kv_vboard_add(&cfg), 0);
+}
+
+inline kv_vboard_counters board_counters(const char* node) {
+    kv_vboard_counters c{};
+    EXPECT_EQ(kv_vboard_get_counters(node, &c), 0);
+    return c;
+}
+
 struct BoardMode {
     bool mplane;
     bool freerun;
@@ -30,35 +79,7 @@ inline std::string mode_name(const testing::TestParamInfo<BoardMode>& info) {
 
 inline const BoardMode kAllModes[] = {{false, false}, {false, true}, {true, false}, {true, true}};
 
-constexpr uint64_t kFrame = 200000;  // 100 ns units per 1/50 s frame
-constexpr uint64_t kBufferBytes = 675000;
-
-// Open descriptors of this process.
-inline int open_fd_count() {
-    int n = 0;
-    if (DIR* d = opendir("/proc/self/fd")) {
-        while (dirent* e = readdir(d)) {
-            n += e->d_name[0] != '.';
-        }
-        closedir(d);
-    }
-    return n - 1;  // the directory stream itself
-}
-
-// Host mappings of the board's buffer memory still in place (the board's own view
-// of it goes away with its buffers when the node is closed).
-inline int board_mapping_count() {
-    int n = 0;
-    if (FILE* f = std::fopen("/proc/self/maps", "r")) {
-        char line[1024];
-        while (std::fgets(line, sizeof(line), f)) {
-            n += std::strstr(line, "kv_vboard_buffers") != nullptr;
-        }
-        std::fclose(f);
-    }
-    return n;
-}
-
+// One device on one board, in every mode.
 class BoardTest : public testing::TestWithParam<BoardMode> {
 protected:
     static constexpr const char* kNode = "/dev/kvasi-device-test";
@@ -68,37 +89,26 @@ protected:
         dev.close_device();
         kv_vboard_remove_all();
     }
-
     void add_board(uint32_t first_sequence = 2, uint32_t sizeimage = 675000) {
-        kv_vboard_config cfg;
-        kv_vboard_default_config(&cfg);
-        std::snprintf(cfg.node, sizeof(cfg.node), "%s", kNode);
-        cfg.mplane = GetParam().mplane ? 1 : 0;
-        cfg.freerun = GetParam().freerun ? 1 : 0;
-        cfg.first_sequence = first_sequence;
-        cfg.sizeimage = sizeimage;
-        ASSERT_EQ(kv_vboard_add(&cfg), 0);
+        add_vboard(kNode, GetParam().mplane, GetParam().freerun, first_sequence, sizeimage);
     }
+    kv_vboard_counters counters() { return board_counters(kNode); }
 
-    kv_vboard_counters counters() {
-        kv_vboard_counters c;
-        std::memset(&c, 0, sizeof(c));
-        EXPECT_EQ(kv_vboard_get_counters(kNode, &c), 0);
-        return c;
-    }
-
-    // Maps and queues the whole ring without filling it; true when every call
-    // succeeded.
-    bool prime() {
-        for (int i = 0; i < 6; ++i) {
+    // Maps and queues buffer after buffer; true when every call succeeded.
+    bool cycle(int buffers, uint64_t* begin = nullptr) {
+        for (int i = 0; i < buffers; ++i) {
             uint64_t b = 0, e = 0, size = 0;
             uint8_t* data = nullptr;
             if (!dev.map(b, e, &data, size) || !dev.unmap()) {
                 return false;
             }
+            if (begin != nullptr) {
+                *begin = b;
+            }
         }
         return true;
     }
+    bool prime() { return cycle(6); }
 
     kv_v4l2_asi_output_device dev;
 };

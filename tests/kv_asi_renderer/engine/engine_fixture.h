@@ -1,12 +1,8 @@
 #pragma once
 
-#include <dirent.h>
 #include <glib.h>
-#include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdio>
-#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -16,8 +12,9 @@
 #include <thread>
 #include <vector>
 
+#include "board_fixture.h"
 #include "kv_asi_renderer/kv_asi_process_renderer.h"
-#include "kv_vboard.h"
+#include "kv_ts_generator.h"
 
 namespace engine_test {
 
@@ -31,41 +28,31 @@ public:
         g_set_print_handler(&print_log::append);
     }
     ~print_log() { g_set_print_handler(nullptr); }
-
-    std::string text() const {
-        std::lock_guard<std::mutex> lock(mutex());
-        return buffer();
-    }
     // How many times the exact line (newline included) was printed.
     size_t count(const std::string& line) const {
-        const std::string all = text();
+        std::lock_guard<std::mutex> lock(s_mutex);
         size_t n = 0;
-        for (size_t pos = all.find(line); pos != std::string::npos; pos = all.find(line, pos + 1)) {
-            n += pos == 0 || all[pos - 1] == '\n';
+        for (size_t at = s_text.find(line); at != std::string::npos;
+             at = s_text.find(line, at + 1)) {
+            n += at == 0 || s_text[at - 1] == '\n';
         }
         return n;
     }
     static void clear() {
-        std::lock_guard<std::mutex> lock(mutex());
-        buffer().clear();
+        std::lock_guard<std::mutex> lock(s_mutex);
+        s_text.clear();
     }
 
 private:
-    static std::mutex& mutex() {
-        static std::mutex m;
-        return m;
-    }
-    static std::string& buffer() {
-        static std::string s;
-        return s;
-    }
     static void append(const gchar* s) {
-        std::lock_guard<std::mutex> lock(mutex());
-        buffer() += s;
+        std::lock_guard<std::mutex> lock(s_mutex);
+        s_text += s;
     }
+    static inline std::mutex s_mutex;
+    static inline std::string s_text;
 };
 
-// A host's alarm manager that remembers the alarms it holds by description.
+// A host's alarm manager that keeps the alarms it holds by description.
 class alarm_manager : public kv_i_alarm_manager {
 public:
     void register_alarm(std::shared_ptr<kv_i_alarm_event> alarm) override {
@@ -96,25 +83,18 @@ inline std::vector<uint8_t> read_file(const std::string& path) {
     return std::vector<uint8_t>(std::istreambuf_iterator<char>(f), {});
 }
 
-inline std::string corpus_path(const char* name) {
-    return std::string(KV_CORPUS_DIR) + "/" + name;
+// A constant-rate stream of n packets with a PCR every 30 ms.
+inline std::vector<uint8_t> generated(uint64_t rate_bps, size_t n) {
+    kv_ts_generate::options o;
+    o.rate_bps = rate_bps;
+    o.packets = n;
+    std::vector<uint8_t> ts;
+    std::string error;
+    EXPECT_TRUE(kv_ts_generate::generate(o, ts, error)) << error;
+    return ts;
 }
 
-// Entries of a /proc/self directory: open descriptors ("fd") or threads ("task").
-inline int proc_self_count(const char* what) {
-    int n = 0;
-    const std::string path = std::string("/proc/self/") + what;
-    if (DIR* d = opendir(path.c_str())) {
-        while (dirent* e = readdir(d)) {
-            n += e->d_name[0] != '.';
-        }
-        closedir(d);
-    }
-    return n;
-}
-
-// Polls until pred holds; false when it still does not after `limit` (a hang guard,
-// far above what any pass needs).
+// Polls until pred holds; false when it still does not after `limit` (a hang guard).
 template <class Pred>
 bool wait_until(Pred pred, std::chrono::seconds limit = std::chrono::seconds(60)) {
     const auto end = std::chrono::steady_clock::now() + limit;
@@ -127,8 +107,7 @@ bool wait_until(Pred pred, std::chrono::seconds limit = std::chrono::seconds(60)
     return true;
 }
 
-// One engine on one free-running emulated board, with its dispatcher handing the
-// alarms to a test manager.
+// One engine on one free-running board, its dispatcher handing alarms to a test manager.
 class EngineTest : public testing::Test {
 protected:
     static constexpr const char* kNode = "/dev/kvasi-engine-test";
@@ -146,22 +125,10 @@ protected:
         dispatcher.set_alarm_manager(nullptr);
         kv_vboard_remove_all();
     }
-
     void add_board(const std::string& capture = "") {
-        kv_vboard_config cfg;
-        kv_vboard_default_config(&cfg);
-        std::snprintf(cfg.node, sizeof(cfg.node), "%s", kNode);
-        std::snprintf(cfg.capture, sizeof(cfg.capture), "%s", capture.c_str());
-        cfg.freerun = 1;
-        ASSERT_EQ(kv_vboard_add(&cfg), 0);
+        add_vboard(kNode, false, true, 2, 675000, capture);
     }
-
-    kv_vboard_counters counters() {
-        kv_vboard_counters c;
-        std::memset(&c, 0, sizeof(c));
-        EXPECT_EQ(kv_vboard_get_counters(kNode, &c), 0);
-        return c;
-    }
+    kv_vboard_counters counters() { return board_counters(kNode); }
 
     std::string stat(const std::string& name) {
         for (const auto& row : engine.statistics()->get_items()) {
@@ -172,11 +139,11 @@ protected:
         return "<no row " + name + ">";
     }
 
-    // One 188-byte packet per buffer, each with its own time: every packet is an
-    // anchor, due exactly at its time.
-    void push_packets(const std::vector<uint8_t>& ts, const std::vector<int64_t>& times) {
-        for (size_t k = 0; k < times.size(); ++k) {
-            engine.push_data(times[k], &ts[k * kPacket], kPacket);
+    // One packet per buffer, each its own anchor: n packets from kT0 on, `step` apart.
+    static constexpr int64_t kT0 = 5000000000;  // far from zero (500 s)
+    void push_packets(const std::vector<uint8_t>& ts, size_t from, size_t to, int64_t step) {
+        for (size_t k = from; k < to; ++k) {
+            engine.push_data(kT0 + int64_t(k) * step, &ts[k * kPacket], kPacket);
         }
     }
 

@@ -1,16 +1,16 @@
-#include "mpegcore/fifo/kv_mpegts_fifo.h"
-
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <limits>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "kv_ts_generator.h"
+#include "mpegcore/fifo/kv_mpegts_fifo.h"
+#include "mpegcore/ts_test_util.h"
 
 using namespace mpegcore;
 
@@ -19,10 +19,24 @@ namespace {
 constexpr size_t kPkt = 188;
 constexpr int64_t kEnd = std::numeric_limits<int64_t>::max();
 
-// Pushes the capture in random chunk sizes, holding back while more than half a second
-// of stream waits, so that 1000 items must be recycled many times over.
-void push_capture(kv_mpegts_fifo& fifo, const std::vector<uint8_t>& ts, unsigned seed,
-                  const std::atomic<bool>& stop) {
+// A real capture, or without the corpus a generated constant-rate stream of about the
+// same length.
+ts_test::Bytes load_stream() {
+    ts_test::Bytes ts = ts_test::load_capture("test-072.ts");
+    if (ts.empty()) {
+        kv_ts_generate::options o;
+        o.rate_bps = 1200000;
+        o.packets = 10000;
+        std::string error;
+        EXPECT_TRUE(kv_ts_generate::generate(o, ts, error)) << error;
+    }
+    return ts;
+}
+
+// Pushes the stream in random chunk sizes, holding back while more than half a second
+// of it waits, so that the 1000 items are recycled many times over.
+void push_stream(kv_mpegts_fifo& fifo, const ts_test::Bytes& ts, unsigned seed,
+                 const std::atomic<bool>& stop) {
     std::mt19937 rng(seed);
     for (size_t at = 0; at < ts.size() && !stop;) {
         while (fifo.get_fullness() > 5000000 && !stop) {
@@ -35,11 +49,7 @@ void push_capture(kv_mpegts_fifo& fifo, const std::vector<uint8_t>& ts, unsigned
 }
 
 TEST(FifoConcurrency, ProducerAndConsumerWithResets) {
-    std::ifstream in(std::string(KV_CORPUS_DIR) + "/test-072.ts", std::ios::binary);
-    if (!in) {
-        GTEST_SKIP() << "no capture test-072.ts in " << KV_CORPUS_DIR;
-    }
-    const std::vector<uint8_t> ts{std::istreambuf_iterator<char>(in), {}};
+    const ts_test::Bytes ts = load_stream();
     const size_t n = ts.size() / kPkt;
     // Packets from the first PCR up to the last PCR (which waits for a next one) go out.
     size_t first = n, last = 0;
@@ -63,7 +73,7 @@ TEST(FifoConcurrency, ProducerAndConsumerWithResets) {
     // pushes, as the output thread does; what arrives must still be in order, once.
     std::thread producer([&] {
         for (int round = 0; round <= kQuietRounds; ++round) {
-            push_capture(fifo, ts, round, stop);
+            push_stream(fifo, ts, round, stop);
             pushed = round + 1;
             while (round < kQuietRounds && resets.load() <= round && !stop) {
                 std::this_thread::yield();
@@ -91,18 +101,17 @@ TEST(FifoConcurrency, ProducerAndConsumerWithResets) {
                 while (next < n && std::memcmp(item->get_data(), &ts[next * kPkt], kPkt) != 0) {
                     ++next;
                 }
-                ASSERT_LT(next, n) << "packet out of order or twice";
-                ++next;
+                ASSERT_LT(next++, n) << "packet out of order or twice";
             }
-            const size_t got = items.size();
-            delivered += got;
+            delivered += items.size();
+            const bool empty = items.empty();
             fifo.revert(held);  // the previous batch stays in hand for one pass
             held.swap(items);
             ASSERT_FALSE(fifo.is_reset()) << fifo.get_error();
             if (racing && !drain && rng() % 64 == 0) {
                 fifo.reset();
             }
-            if (drain && got == 0) {
+            if (drain && empty) {
                 if (!racing) {
                     EXPECT_EQ(next, last);
                     EXPECT_EQ(delivered, last - first);

@@ -717,6 +717,9 @@ private:
                 nPass = chunk.nPass;
                 tPassStart = chunk.tStream;
                 m_nPass.store(nPass);
+                if (nPass == 1) {
+                    m_tLoopPassLength.store(chunk.tStream);  // time runs on over passes
+                }
             }
             const steady::time_point due =
                 t0 + std::chrono::nanoseconds((chunk.tStream - m_tLead) * 100);
@@ -734,6 +737,7 @@ private:
             m_nPackets.fetch_add(chunk.data.size() / kPacketSize);
             m_nPassBytes.store(chunk.nOffset + chunk.data.size());
             m_tPassPushed.store(chunk.tStream - tPassStart);
+            m_tPushed.store(chunk.tStream);
         }
         if (!m_pacer.error().empty()) {
             std::lock_guard<std::mutex> lock(m_csPacer);
@@ -889,12 +893,24 @@ private:
             out().status(status_line(s, nullptr, extra));
             return;
         }
-        if (m_o.bLoop) {
-            extra = "pass " + std::to_string(m_nPass.load() + 1);
+        file_progress p;
+        const int64_t tLoopPass = m_tLoopPassLength.load();
+        if (m_o.bLoop && tLoopPass > 0) {
+            // The reader runs a lead ahead of the output and may be a pass ahead too: the
+            // pass and the progress shown are those of what has left the element.
+            const int64_t tPlayed =
+                std::max<int64_t>(0, m_tPushed.load() - std::max<int64_t>(0, s.tFifo));
+            const int64_t tInPass = tPlayed % tLoopPass;
+            p.fraction = double(tInPass) / double(tLoopPass);
+            p.tLeft = tLoopPass - tInPass;
+            extra = "pass " + std::to_string(tPlayed / tLoopPass + 1);
+        } else {
+            if (m_o.bLoop) {
+                extra = "pass " + std::to_string(m_nPass.load() + 1);
+            }
+            p = estimate_progress(m_pacer.file_size(), m_nPassBytes.load(), m_tPassPushed.load(),
+                                  s.tFifo, m_tPassLength.load());
         }
-        const file_progress p =
-            estimate_progress(m_pacer.file_size(), m_nPassBytes.load(), m_tPassPushed.load(),
-                              s.tFifo, m_tPassLength.load());
         out().status(status_line(s, &p, extra));
     }
 
@@ -953,6 +969,8 @@ private:
     std::atomic<int64_t> m_tPassPushed{0};   // stream time reached in the current pass
     std::atomic<int64_t> m_tPassLength{-1};  // length of the pass once read to its end
     std::atomic<int64_t> m_tStreamRead{0};
+    std::atomic<int64_t> m_tPushed{0};           // stream time handed out, over all passes
+    std::atomic<int64_t> m_tLoopPassLength{-1};  // looping: length of a pass once known
     std::atomic<bool> m_bInputDone{false};
     std::atomic<uint64_t> m_nInputBytes{0};  // UDP input
 };

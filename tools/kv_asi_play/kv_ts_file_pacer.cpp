@@ -13,8 +13,6 @@ namespace {
 
 constexpr uint8_t kSyncByte = 0x47;
 constexpr size_t kReadSize = 1 << 20;
-// The PCR counts 27 MHz ticks modulo 2^33 * 300.
-constexpr uint64_t kPcrModulus = (uint64_t(1) << 33) * 300;
 
 int packet_pid(const uint8_t* p) {
     return ((p[1] & 0x1F) << 8) | p[2];
@@ -34,14 +32,9 @@ bool sync_confirmed(const uint8_t* p, size_t nAvail) {
 }  // namespace
 
 bool packet_pcr(const uint8_t* p, uint64_t& pcr, bool& bDiscontinuity) {
-    // adaptation_field_control 2 or 3, a field long enough for a PCR, PCR_flag set.
-    if ((p[3] & 0x20) == 0 || p[4] < 7 || (p[5] & 0x10) == 0) {
+    if (!read_pcr(p, pcr)) {
         return false;
     }
-    const uint64_t base = (uint64_t(p[6]) << 25) | (uint64_t(p[7]) << 17) | (uint64_t(p[8]) << 9) |
-                          (uint64_t(p[9]) << 1) | (p[10] >> 7);
-    const uint64_t ext = (uint64_t(p[10] & 0x01) << 8) | p[11];
-    pcr = base * 300 + ext;
     bDiscontinuity = (p[5] & 0x80) != 0;
     return true;
 }
@@ -117,7 +110,7 @@ bool ts_file_pacer::rewind() {
     return true;
 }
 
-bool ts_file_pacer::read_packet(const uint8_t*& p, uint64_t& nOffset) {
+bool ts_file_pacer::read_packet(uint8_t*& p, uint64_t& nOffset) {
     bool bSynced = true;
     for (;;) {
         if (!fill(3 * kPacketSize)) {
@@ -130,8 +123,15 @@ bool ts_file_pacer::read_packet(const uint8_t*& p, uint64_t& nOffset) {
             m_nPos = m_nLen;
             return false;
         }
-        const uint8_t* q = &m_buf[m_nPos];
+        uint8_t* q = &m_buf[m_nPos];
         if (q[0] == kSyncByte && (bSynced || sync_confirmed(q, nAvail))) {
+            if (m_nPass == 0) {
+                if (m_bLoop) {
+                    m_seam.observe(q);
+                }
+            } else if (m_seam.ready()) {
+                m_seam.apply(q, m_nPass);
+            }
             p = q;
             nOffset = m_nBufOffset + m_nPos;
             m_nPos += kPacketSize;
@@ -159,12 +159,15 @@ void ts_file_pacer::make_ready(int64_t nTicks) {
     m_nReadyDuration = nTicks;
     m_nReadyOffset = m_nPendingOffset;
     m_nReadyPass = m_nPendingPass;
+    m_nReadySeam = m_nPendingSeam < m_nReadyPackets ? m_nPendingSeam : SIZE_MAX;
+    m_nReadySeamOffset = m_nPendingSeamOffset;
+    m_nPendingSeam = SIZE_MAX;
     m_tPendingTicks += nTicks;
 }
 
 bool ts_file_pacer::close_interval() {
     for (;;) {
-        const uint8_t* p = nullptr;
+        uint8_t* p = nullptr;
         uint64_t nOffset = 0;
         if (!read_packet(p, nOffset)) {
             if (!m_strError.empty()) {
@@ -173,6 +176,25 @@ bool ts_file_pacer::close_interval() {
             if (m_nPcrPid < 0) {
                 m_strError = "no PCR in " + m_strPath + ": nothing to pace it by";
                 return false;
+            }
+            if (m_bLoop && m_nPass == 0) {
+                std::string ignored;  // without two PCRs the passes play as the file is
+                m_seam.finish(ignored);
+            }
+            if (m_bLoop && m_seam.ready()) {
+                // Seamless: the packets after the last PCR of this pass wait with those of
+                // the next pass for its first PCR, one ordinary interval on.
+                if (m_nPassPackets == 0) {
+                    m_strError = "no packets left in " + m_strPath;
+                    return false;
+                }
+                if (!rewind()) {
+                    return false;
+                }
+                if (!m_pending.empty()) {
+                    m_nPendingSeam = m_pending.size() / kPacketSize;
+                }
+                continue;
             }
             // The tail after the last PCR runs on at the last rate; a loop starts over
             // without a measurable interval to the first PCR of the next pass.
@@ -199,6 +221,9 @@ bool ts_file_pacer::close_interval() {
         }
         ++m_nPassPackets;
 
+        if (m_nPendingSeam == m_pending.size() / kPacketSize) {
+            m_nPendingSeamOffset = nOffset;
+        }
         if (m_pending.empty()) {
             m_nPendingOffset = nOffset;
             m_nPendingPass = m_nPass;
@@ -264,13 +289,19 @@ bool ts_file_pacer::next(ts_chunk& chunk) {
         }
     }
     const size_t i = m_nReadyNext;
-    const size_t k = std::min(kMaxChunkPackets, m_nReadyPackets - i);
+    size_t k = std::min(kMaxChunkPackets, m_nReadyPackets - i);
+    // A chunk ends at the seam, so that its pass and offset hold for all of it.
+    const bool bNextPass = m_nReadySeam != SIZE_MAX && i >= m_nReadySeam;
+    if (m_nReadySeam != SIZE_MAX && i < m_nReadySeam) {
+        k = std::min(k, m_nReadySeam - i);
+    }
     chunk.data.assign(m_ready.begin() + std::ptrdiff_t(i * kPacketSize),
                       m_ready.begin() + std::ptrdiff_t((i + k) * kPacketSize));
     chunk.tStream =
         ticks_to_units(m_tReadyTicks + m_nReadyDuration * int64_t(i) / int64_t(m_nReadyPackets));
-    chunk.nOffset = m_nReadyOffset + i * kPacketSize;
-    chunk.nPass = m_nReadyPass;
+    chunk.nOffset = bNextPass ? m_nReadySeamOffset + (i - m_nReadySeam) * kPacketSize
+                              : m_nReadyOffset + i * kPacketSize;
+    chunk.nPass = m_nReadyPass + (bNextPass ? 1 : 0);
     m_nReadyNext += k;
     return true;
 }

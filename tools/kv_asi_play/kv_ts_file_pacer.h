@@ -10,11 +10,18 @@
 // rewind, after the last PCR of the file, across a discontinuity indicator, a jump of
 // two seconds or more, or a backward step) the packets run on at the rate of the last
 // measured interval. Time starts at 0 with the first packet and runs on over loops.
+//
+// A looped file whose first pass has two PCRs or more on the pacing PID plays seamlessly:
+// later passes are rewritten as they are read (see ts_loop_seam), so the tail of one pass
+// and the head of the next form one ordinary PCR interval, timed like any other.
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <string>
 #include <vector>
+
+#include "kv_ts_loop_seam.h"
 
 namespace kv_asi_play {
 
@@ -32,7 +39,7 @@ struct ts_chunk {
     std::vector<uint8_t> data;  // whole 188-byte packets
     int64_t tStream = 0;        // time of the first packet, 100 ns units
     uint64_t nOffset = 0;       // file offset of the first packet
-    uint32_t nPass = 0;         // 0 on the first pass through the file
+    uint32_t nPass = 0;         // 0 on the first pass through the file; never two in one chunk
 };
 
 // PCR fields of one packet; false when it carries none.
@@ -70,11 +77,14 @@ public:
     // Bytes skipped to find the packet sync again.
     uint64_t skipped_bytes() const { return m_nSkippedBytes; }
     const std::string& error() const { return m_strError; }
+    // Whether the passes after the first are rewritten to follow on seamlessly; known
+    // once the first pass has been read to its end.
+    bool seamless() const { return m_seam.ready(); }
 
 private:
     // The next packet of the file (resynchronising on a lost sync byte), false at the
     // end of the file or on a read error.
-    bool read_packet(const uint8_t*& p, uint64_t& nOffset);
+    bool read_packet(uint8_t*& p, uint64_t& nOffset);
     bool fill(size_t nWanted);
     bool rewind();
     // Reads until the packets since the last anchor can be timed; false when nothing
@@ -101,12 +111,16 @@ private:
     uint32_t m_nPass = 0;
     uint64_t m_nPassPackets = 0;
     uint64_t m_nSkippedBytes = 0;
+    ts_loop_seam m_seam;
 
     // Packets since the last anchor, waiting for the next one.
     std::vector<uint8_t> m_pending;
     uint64_t m_nPendingOffset = 0;
     uint32_t m_nPendingPass = 0;
     int64_t m_tPendingTicks = 0;  // time of the first pending packet
+    // Index of the first pending packet of the next pass (SIZE_MAX: none) and its offset.
+    size_t m_nPendingSeam = SIZE_MAX;
+    uint64_t m_nPendingSeamOffset = 0;
 
     // Timed packets being handed out: packet i of nReady leaves at tReady + d * i / n.
     std::vector<uint8_t> m_ready;
@@ -116,6 +130,8 @@ private:
     int64_t m_nReadyDuration = 0;
     uint64_t m_nReadyOffset = 0;
     uint32_t m_nReadyPass = 0;
+    size_t m_nReadySeam = SIZE_MAX;
+    uint64_t m_nReadySeamOffset = 0;
 
     int m_nPcrPid = -1;
     uint64_t m_nLastPcr = 0;

@@ -9,25 +9,6 @@ namespace kv_asi_soak {
 
 namespace {
 
-bool read_digits(const std::string& text, size_t& pos, size_t width, int64_t& value) {
-    const size_t begin = pos;
-    value = 0;
-    while (pos < text.size() && text[pos] >= '0' && text[pos] <= '9' &&
-           (width == 0 || pos - begin < width)) {
-        value = value * 10 + (text[pos] - '0');
-        ++pos;
-    }
-    return pos > begin && (width == 0 || pos - begin == width);
-}
-
-bool expect(const std::string& text, size_t& pos, char c) {
-    if (pos < text.size() && text[pos] == c) {
-        ++pos;
-        return true;
-    }
-    return false;
-}
-
 uint64_t read_count(const std::string& text) {
     return std::strtoull(text.c_str(), nullptr, 10);
 }
@@ -37,20 +18,6 @@ double ms(int64_t units) {
 }
 
 }  // namespace
-
-bool parse_clock_text(const std::string& text, int64_t& units) {
-    size_t pos = 0;
-    const bool bNegative = expect(text, pos, '-');
-    int64_t h = 0, m = 0, s = 0, milli = 0;
-    if (!read_digits(text, pos, 0, h) || !expect(text, pos, ':') || !read_digits(text, pos, 2, m) ||
-        !expect(text, pos, ':') || !read_digits(text, pos, 2, s) || !expect(text, pos, '.') ||
-        !read_digits(text, pos, 3, milli) || pos != text.size() || m > 59 || s > 59) {
-        return false;
-    }
-    const int64_t v = ((h * 3600 + m * 60 + s) * 1000 + milli) * 10000;
-    units = bNegative ? -v : v;
-    return true;
-}
 
 element_sample read_rows(const statistics_rows& rows) {
     element_sample s;

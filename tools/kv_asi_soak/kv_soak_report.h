@@ -9,13 +9,13 @@
 #include <utility>
 #include <vector>
 
+#include "kv_play_status.h"
+
 namespace kv_asi_soak {
 
-using statistics_rows = std::vector<std::pair<std::string, std::string>>;
-
-// Reads the element's "hhh:mm:ss.ccc" time text (hours of any width, an optional
-// leading "-") into 100 ns units. False for any other text.
-bool parse_clock_text(const std::string& text, int64_t& units);
+// The element's rows and its time texts are read as the player reads them.
+using kv_asi_play::parse_clock_text;
+using kv_asi_play::statistics_rows;
 
 // The element's rows that a soak follows, as numbers where it judges them.
 struct element_sample {

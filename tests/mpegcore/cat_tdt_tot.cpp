@@ -1,10 +1,11 @@
-// CAT, TSDT, TDT and TOT sections: fields at their bit positions, refusal of broken
-// sections, the TDT without CRC, the TOT reading zeros past the data, and copyTo.
+// CAT, TSDT, TDT and TOT sections: bit widths, refusal of broken sections, the TDT without
+// CRC and the TOT reading zeros past the data. Real sections: oracle/.
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "mpegcore/CAT.h"
 #include "mpegcore/TDT.h"
@@ -34,75 +35,40 @@ TYPED_TEST_SUITE(DescriptorLoopTable, LoopTables);
 TYPED_TEST(DescriptorLoopTable, ReadsFieldsAndWritesBack) {
     TypeParam t;
     ASSERT_TRUE(read(t, kCat));
-    EXPECT_EQ(t.section_syntax_indicator, 1);
-    EXPECT_EQ(t.zero, 0);
-    EXPECT_EQ(t.reserved1, 0x2B3C5u);
-    EXPECT_EQ(t.version_number, 21);
-    EXPECT_EQ(t.current_next_indicator, 0);
-    EXPECT_EQ(t.section_number, 1);
-    EXPECT_EQ(t.last_section_number, 2);
-    ASSERT_EQ(t.descriptors.descriptor.size(), 2u);
+    EXPECT_EQ((std::vector<uint64_t>{t.section_syntax_indicator, t.zero, t.reserved1,
+                                     t.version_number, t.current_next_indicator, t.section_number,
+                                     t.last_section_number, t.descriptors.descriptor.size()}),
+              (std::vector<uint64_t>{1, 0, 0x2B3C5, 21, 0, 1, 2, 2}));
     auto ca = std::dynamic_pointer_cast<CA_descriptor>(t.descriptors.descriptor.front());
     ASSERT_TRUE(ca);
-    EXPECT_EQ(ca->CA_system_ID, 0x0B00);
     EXPECT_EQ(ca->CA_PID, 0x123);
-    EXPECT_EQ(t.CRC, crc32_mpeg2(kCat.data(), kCat.size() - 4));
-    EXPECT_EQ(t.calc_section_length(), t.section_length);
     EXPECT_EQ(render(t), kCat);
     expect_prefixes_refused<TypeParam>(kCat);
 
     Bytes bad = kCat;
     bad[12] ^= 0x01;  // one bit of the first CA PID
     EXPECT_FALSE(read(t, bad));
-
     // section_length 9: no descriptors, the CRC right behind the header.
     ASSERT_TRUE(read(t, section(0x01, 0xB0, kLoopHeader)));
     EXPECT_TRUE(t.descriptors.descriptor.empty());
     // A descriptor cut short inside the loop ends the list without refusing the section.
     ASSERT_TRUE(read(t, section(0x01, 0xB0, cat({kLoopHeader, kCa1, {0x09, 8, 0x0B, 0x00}}))));
-    ASSERT_EQ(t.descriptors.descriptor.size(), 1u);
-}
-
-TEST(DescriptorLoopCopy, ReplacesDescriptorsAndSetsLength) {
-    CCAT source, target;
-    ASSERT_TRUE(read(source, kCat));
-    ASSERT_TRUE(read(target, section(0x01, 0xB0, cat({kLoopHeader, kCa2, kCa2, kCa2}))));
-    source.copyTo(&target);
-    source.copyTo(nullptr);
-    EXPECT_EQ(target.reserved1, 0x2B3C5u);
-    EXPECT_EQ(target.CRC, source.CRC);
-    ASSERT_EQ(target.descriptors.descriptor.size(), 2u);
-    EXPECT_NE(target.descriptors.find(0x09), source.descriptors.find(0x09));
-    EXPECT_EQ(target.section_length, 9 + 6 + 8);
-    EXPECT_EQ(render(target), kCat);
-
-    // An empty table copied over it leaves no descriptor behind.
-    CCAT().copyTo(&target);
-    EXPECT_EQ(target.section_length, 9);
-    EXPECT_TRUE(target.descriptors.descriptor.empty());
+    EXPECT_EQ(t.descriptors.descriptor.size(), 1u);
 }
 
 TEST(TdtSection, NoCrcAndFixedLength) {
-    CTDT built(0xB0A2123456);
     const Bytes expected{0x70, 0x30, 0x05, 0xB0, 0xA2, 0x12, 0x34, 0x56};
+    CTDT built(0xB0A2123456), tdt;
     EXPECT_EQ(render(built), expected);
-
-    CTDT tdt;
-    ASSERT_TRUE(read(tdt, expected));
-    EXPECT_EQ(tdt.table_id, 0x70);
-    EXPECT_EQ(tdt.reserved, 3);
-    EXPECT_EQ(tdt.UTC_time, 0xB0A2123456u);
     EXPECT_FALSE(read(tdt, Bytes(expected.begin(), expected.end() - 1)));
     // Nothing vouches for the bytes and section_length is not checked.
     ASSERT_TRUE(read(tdt, {0x70, 0x7F, 0xFF, 0xC0, 0xFF, 0xEE, 0xDD, 0xCC}));
     EXPECT_EQ(tdt.section_length, 0xFFF);
     EXPECT_EQ(tdt.UTC_time, 0xC0FFEEDDCCu);
-
+    // A copy writes the fixed length back.
     CTDT copy;
     tdt.copyTo(&copy);
     tdt.copyTo(nullptr);
-    EXPECT_EQ(copy.section_length, 5);
-    EXPECT_EQ(copy.UTC_time, 0xC0FFEEDDCCu);
     EXPECT_EQ(render(copy), (Bytes{0x70, 0x70, 0x05, 0xC0, 0xFF, 0xEE, 0xDD, 0xCC}));
 }
 
@@ -118,23 +84,14 @@ const Bytes kTot = section(0x73, 0x70, cat({kUtc, {0xF0, uint8_t(kOffsets.size()
 
 }  // namespace
 
-TEST(TotSection, ReadsOffsetsWritesBackAndZeroFills) {
+TEST(TotSection, LoopBoundsAndZeroFill) {
     CTOT tot;
     ASSERT_TRUE(read(tot, kTot));
-    EXPECT_EQ(tot.UTC_time, 0xB0A2123456u);
     EXPECT_EQ(tot.reserved1, 0xF);
-    EXPECT_EQ(tot.descriptors_loop_length, kOffsets.size());
-    auto lto = std::dynamic_pointer_cast<local_time_offset_descriptor>(tot.descriptors.find(0x58));
-    ASSERT_TRUE(lto);
-    ASSERT_EQ(lto->m_listEntry.size(), 2u);
-    EXPECT_EQ(lto->m_listEntry.back()->country_region_id, 3);
-    EXPECT_EQ(lto->m_listEntry.back()->local_time_offset_polarity, 1);
-    EXPECT_EQ(tot.CRC, crc32_mpeg2(kTot.data(), kTot.size() - 4));
     tot.descriptors_loop_length = 0;  // recounted on writing
     EXPECT_EQ(render(tot), kTot);
     EXPECT_EQ(tot.descriptors_loop_length, kOffsets.size());
     expect_prefixes_refused<CTOT>(kTot);
-
     Bytes bad = kTot;
     bad[4] ^= 0x80;
     EXPECT_FALSE(read(tot, bad));
@@ -148,28 +105,8 @@ TEST(TotSection, ReadsOffsetsWritesBackAndZeroFills) {
     // section_length 4, whose four bytes are the CRC of the header: the fields behind them
     // lie past the data and read as 0, replacing what the table held.
     ASSERT_TRUE(read(tot, kTot));
-    const Bytes tiny = section(0x73, 0x70, {});
-    ASSERT_TRUE(read(tot, tiny));
-    EXPECT_EQ(tot.UTC_time, 0u);
-    EXPECT_EQ(tot.reserved1, 0);
-    EXPECT_EQ(tot.descriptors_loop_length, 0);
-    EXPECT_TRUE(tot.descriptors.descriptor.empty());
-    EXPECT_EQ(tot.CRC, 0u);
-}
-
-TEST(TotSection, CopyToRecountsTheLoop) {
-    CTOT source, target;
-    ASSERT_TRUE(read(source, kTot));
-    ASSERT_TRUE(read(target, section(0x73, 0x70, cat({kUtc, {0xF0, 3, 0xF0, 1, 0x99}}))));
-    source.descriptors_loop_length = 999;
-    source.copyTo(&target);
-    source.copyTo(nullptr);
-    EXPECT_EQ(target.UTC_time, 0xB0A2123456u);
-    EXPECT_EQ(target.descriptors_loop_length, kOffsets.size());
-    EXPECT_EQ(target.section_length, 11 + kOffsets.size());
-    ASSERT_EQ(target.descriptors.descriptor.size(), 1u);
-    EXPECT_NE(target.descriptors.find(0x58), source.descriptors.find(0x58));
-    EXPECT_EQ(render(target), kTot);
-    source.Clear();
-    EXPECT_TRUE(source.descriptors.descriptor.empty());
+    ASSERT_TRUE(read(tot, section(0x73, 0x70, {})));
+    EXPECT_EQ((std::vector<uint64_t>{tot.UTC_time, tot.reserved1, tot.descriptors_loop_length,
+                                     tot.descriptors.descriptor.size(), tot.CRC}),
+              (std::vector<uint64_t>{0, 0, 0, 0, 0}));
 }

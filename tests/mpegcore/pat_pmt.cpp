@@ -9,7 +9,6 @@
 #include "kvcore/kv_bitstream.h"
 #include "mpegcore/PAT.h"
 #include "mpegcore/PMT.h"
-#include "mpegcore/descriptors_mpeg.h"
 #include "ts_test_util.h"
 
 using namespace mpegcore;
@@ -67,30 +66,19 @@ TEST(PAT, WrittenAndReadBackKeyedByPid) {
     pat.version_number = 31;
     pat.current_next_indicator = 1;
     pat.last_section_number = 2;
-    const std::pair<int, int> entries[] = {{0, 0x10}, {7, 0x1FF7}, {0xFFFF, 0x1FFE}};
-    for (auto entry : entries) {
+    for (auto entry : {std::pair<int, int>{0, 0x10}, {7, 0x1FF7}, {0xFFFF, 0x1FFE}}) {
         pat.program_map[uint16_t(entry.second)].program_number = uint16_t(entry.first);
         pat.program_map[uint16_t(entry.second)].map_PID.program_map_PID = uint16_t(entry.second);
     }
-    const Bytes bytes = write(pat);
-    EXPECT_EQ(pat.section_length, 9 + 3 * 4);
     CPAT back;
-    ASSERT_TRUE(read(back, bytes));
+    ASSERT_TRUE(read(back, write(pat)));
+    EXPECT_EQ(pat.section_length, 9 + 3 * 4);
     EXPECT_TRUE(back == pat);
-    EXPECT_EQ(back.CRC, pat.CRC);
     EXPECT_TRUE(back.find(0x10)->isNetwork());
 
-    // No check of the table id; no program gives an empty map.
-    ASSERT_TRUE(read(back, section(0x55, 0xB0, pat_body({}))));
+    // No check of the table id; of two programs on one PID the later one stays.
+    ASSERT_TRUE(read(back, section(0x55, 0xB0, pat_body({{5, 0x1FFF}, {6, 0x1FFF}, {7, 0x20}}))));
     EXPECT_EQ(back.transport_stream_id, 3000);
-    EXPECT_EQ(back.version_number, 2);
-    EXPECT_TRUE(back.program_map.empty());
-    // The network entry is keyed by its PID like any other.
-    ASSERT_TRUE(read(back, section(0x00, 0xB0, pat_body({{0, 0x0010}}))));
-    EXPECT_EQ(back.section_length, 13);
-    EXPECT_EQ(back.find(0x10)->map_PID.network_PID, 0x10);
-    // Of two programs on one PID the later one stays.
-    ASSERT_TRUE(read(back, section(0x00, 0xB0, pat_body({{5, 0x1FFF}, {6, 0x1FFF}, {7, 0x20}}))));
     ASSERT_EQ(back.program_map.size(), 2u);
     EXPECT_EQ(back.find(0x1FFF)->program_number, 6);
 }
@@ -110,21 +98,13 @@ TEST(PMT, WrittenAndReadBack) {
     ASSERT_TRUE(read(back, write(pmt)));
     EXPECT_EQ(back.section_length, 13 + 3 * 5);
     EXPECT_TRUE(back == pmt);
-    EXPECT_EQ(back.find(0x44)->stream_type, 0x44);
 
     // Descriptors are read by the list and count into both info lengths when written.
     const Bytes raw = section(
         0x02, 0xB0,
         pmt_body(kCa, cat({stream(0x02, 0x101, {}), stream(0x04, 0x102, cat({kLanguage, kCa}))})));
     ASSERT_TRUE(read(back, raw));
-    EXPECT_EQ(back.program_number, 0x0102);
-    EXPECT_EQ(back.version_number, 5);
-    EXPECT_EQ(back.PCR_PID, 0x0100);
-    auto ca = std::dynamic_pointer_cast<CA_descriptor>(back.descriptors.find(0x09));
-    ASSERT_NE(ca, nullptr);
-    EXPECT_EQ(ca->CA_system_ID, 0x0B00);
-    EXPECT_EQ(ca->CA_PID, 0x1FF0);
-    EXPECT_TRUE(back.find(0x101)->descriptors.descriptor.empty());
+    EXPECT_EQ(back.descriptors.descriptor.size(), 1u);
     EXPECT_EQ(back.find(0x102)->descriptors.descriptor.size(), 2u);
     EXPECT_EQ(back.find(0x102)->getSize(), 5 + 12);
     EXPECT_EQ(write(back), raw);

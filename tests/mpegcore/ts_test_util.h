@@ -1,6 +1,5 @@
 // Helpers shared by the tests of the transport-stream core: byte strings, whole sections
-// with their CRC, table reads from exactly sized buffers, packets, and the sections of the
-// real captures.
+// with their CRC, table reads from exactly sized buffers, packets, and the real captures.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -109,22 +108,49 @@ void expect_prefixes_refused(const Bytes& s) {
 
 // ----- packets -----
 
+// One packet: the adaptation field `af` (its length byte first) when not empty, then the
+// payload when `payload` is set, stuffed with 0xFF.
+inline Bytes packet(uint16_t pid, uint8_t cc, bool pusi, const Bytes& data, const Bytes& af = {},
+                    bool payload = true) {
+    const uint8_t afc = (af.empty() ? 0 : 2) | (payload ? 1 : 0);
+    Bytes p = cat({{mpegcore::TS_SYNC_BYTE, uint8_t((pusi ? 0x40 : 0) | pid >> 8), uint8_t(pid),
+                    uint8_t(afc << 4 | (cc & 0x0F))},
+                   af,
+                   data});
+    p.resize(mpegcore::TS_PACKET_SIZE, 0xFF);
+    return p;
+}
+
+// Adaptation field of 7 bytes carrying a PCR: 33-bit base, 6 reserved bits, 9-bit extension.
+inline Bytes pcr_field(uint64_t base, unsigned ext) {
+    const uint64_t v = base << 15 | 0x7E00 | ext;
+    Bytes f{7, 0x10};
+    for (int shift = 40; shift >= 0; shift -= 8) {
+        f.push_back(uint8_t(v >> shift));
+    }
+    return f;
+}
+
 // A payload unit (a section behind its pointer_field, for instance) cut into packets of
 // `pid`: payload only, the unit start flagged on the first, the last stuffed with 0xFF.
 // `cc` is the continuity counter of the first packet and counts on.
 inline std::vector<Bytes> packetize(uint16_t pid, const Bytes& unit, uint8_t& cc) {
     std::vector<Bytes> packets;
     for (size_t at = 0; at == 0 || at < unit.size(); at += 184) {
-        Bytes p(mpegcore::TS_PACKET_SIZE, 0xFF);
-        p[0] = mpegcore::TS_SYNC_BYTE;
-        p[1] = uint8_t((at == 0 ? 0x40 : 0) | pid >> 8);
-        p[2] = uint8_t(pid);
-        p[3] = uint8_t(0x10 | (cc++ & 0x0F));
-        const size_t n = std::min<size_t>(184, unit.size() - at);
-        std::copy(unit.begin() + at, unit.begin() + at + n, p.begin() + 4);
-        packets.push_back(std::move(p));
+        const auto from = unit.begin() + at;
+        packets.push_back(packet(pid, cc++, at == 0,
+                                 Bytes(from, from + std::min<size_t>(184, unit.size() - at))));
     }
     return packets;
+}
+
+// A section behind a zero pointer_field, packetized into one byte string.
+inline Bytes psi(uint16_t pid, uint8_t& cc, const Bytes& section) {
+    Bytes out;
+    for (const Bytes& p : packetize(pid, cat({{0x00}, section}), cc)) {
+        out.insert(out.end(), p.begin(), p.end());
+    }
+    return out;
 }
 
 // ----- real captures -----
@@ -148,13 +174,9 @@ inline std::vector<std::string> capture_names() {
     return names;
 }
 
-constexpr int kAnyPid = -1;
-
-// The sections carried on `pid` (on every PID with kAnyPid), in the order their units
-// complete, unchecked. A unit runs from the section its pointer_field points at to the
-// next unit start; the bytes before the pointed-to section of that next start still belong
-// to the unit, so a section that continues into a packet where a new one starts is kept.
-// A unit splits into whole sections up to its stuffing.
+// The sections carried on `pid`, in the order their units complete, unchecked. A unit runs
+// from the section its pointer_field points at up to the next pointed-to section, so a
+// section that continues into a packet where a new one starts is kept.
 inline std::vector<Bytes> gather_sections(const Bytes& ts, int pid) {
     std::vector<Bytes> sections;
     const auto split = [&sections](const Bytes& u) {
@@ -172,8 +194,7 @@ inline std::vector<Bytes> gather_sections(const Bytes& ts, int pid) {
         const uint8_t* p = &ts[i];
         const int packet_pid = (p[1] & 0x1F) << 8 | p[2];
         const size_t start = 4 + ((p[3] & 0x20) ? 1 + p[4] : 0);
-        if (p[0] != 0x47 || (pid != kAnyPid && packet_pid != pid) || !(p[3] & 0x10) ||
-            start >= 188) {
+        if (p[0] != 0x47 || packet_pid != pid || !(p[3] & 0x10) || start >= 188) {
             continue;
         }
         const auto unit = units.find(packet_pid);

@@ -2,21 +2,14 @@
 // the SDTs and NITs of the real captures, and a BAT that the core writes (the captures carry
 // none, and libdvbpsi's own BAT writer overstates every transport descriptor loop by one).
 
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <cstring>
 #include <map>
 #include <memory>
 #include <string>
 #include <tuple>
-#include <vector>
+
+#include "oracle_util.h"
 
 // clang-format off
-#include <dvbpsi/dvbpsi.h>
-#include <dvbpsi/psi.h>
-#include <dvbpsi/descriptor.h>
-#include <dvbpsi/demux.h>
 #include <dvbpsi/sdt.h>
 #include <dvbpsi/nit.h>
 #include <dvbpsi/bat.h>
@@ -26,54 +19,16 @@
 #include "mpegcore/NIT.h"
 #include "mpegcore/SDT.h"
 
-#include "../ts_test_util.h"
-
 using namespace mpegcore;
 using namespace ts_test;
+using namespace oracle;
 
 namespace {
 
-// Both decoders' tables are compared as text: one line per table header, service or
-// transport stream, each with its descriptors as tag and body bytes.
+using oracle::ours;  // beside the overloads for whole tables below
+
 using Key = std::tuple<unsigned, unsigned, unsigned>;  // table id, extension, version
 using Tables = std::map<Key, std::string>;
-
-std::string line(std::initializer_list<unsigned> fields, const std::string& descriptors) {
-    std::string s;
-    for (unsigned f : fields) {
-        s += std::to_string(f) + " ";
-    }
-    return s + "[" + descriptors + "]\n";
-}
-
-std::string descriptor(unsigned tag, const uint8_t* body, size_t n) {
-    std::string s = " " + std::to_string(tag) + ":";
-    for (size_t i = 0; i < n; ++i) {
-        s += std::to_string(body[i]) + ".";
-    }
-    return s;
-}
-
-// The bodies as the descriptors write themselves back, so their typed fields count too.
-std::string ours(const KVDescriptorList& list) {
-    std::string s;
-    for (const auto& d : list.descriptor) {
-        uint8_t buffer[260] = {};
-        KVSDK::KVBSWriter w(buffer, sizeof(buffer));
-        EXPECT_TRUE(d->write(w));
-        w.flush();
-        s += descriptor(d->descriptor_tag, buffer + 2, buffer[1]);
-    }
-    return s;
-}
-
-std::string theirs(const dvbpsi_descriptor_t* d) {
-    std::string s;
-    for (; d != nullptr; d = d->p_next) {
-        s += descriptor(d->i_tag, d->p_data, d->i_length);
-    }
-    return s;
-}
 
 void on_sdt(void* data, dvbpsi_sdt_t* t) {
     // Services by id, as the core keeps them.
@@ -92,23 +47,24 @@ void on_sdt(void* data, dvbpsi_sdt_t* t) {
     dvbpsi_sdt_delete(t);
 }
 
-void on_nit(void* data, dvbpsi_nit_t* t) {
+// A NIT or BAT: the table's descriptors, then each transport stream with its own.
+template <class Table, class Stream>
+void on_loops(void* data, Table* t, const Stream* first, unsigned id) {
     std::string& s =
         (*static_cast<Tables*>(data))[Key(t->i_table_id, t->i_extension, t->i_version)];
-    s = line({t->i_network_id, t->b_current_next}, theirs(t->p_first_descriptor));
-    for (const dvbpsi_nit_ts_t* e = t->p_first_ts; e != nullptr; e = e->p_next) {
+    s = line({id, t->b_current_next}, theirs(t->p_first_descriptor));
+    for (const Stream* e = first; e != nullptr; e = e->p_next) {
         s += line({e->i_ts_id, e->i_orig_network_id}, theirs(e->p_first_descriptor));
     }
+}
+
+void on_nit(void* data, dvbpsi_nit_t* t) {
+    on_loops(data, t, t->p_first_ts, t->i_network_id);
     dvbpsi_nit_delete(t);
 }
 
 void on_bat(void* data, dvbpsi_bat_t* t) {
-    std::string& s =
-        (*static_cast<Tables*>(data))[Key(t->i_table_id, t->i_extension, t->i_version)];
-    s = line({t->i_extension, t->b_current_next}, theirs(t->p_first_descriptor));
-    for (const dvbpsi_bat_ts_t* e = t->p_first_ts; e != nullptr; e = e->p_next) {
-        s += line({e->i_ts_id, e->i_orig_network_id}, theirs(e->p_first_descriptor));
-    }
+    on_loops(data, t, t->p_first_ts, t->i_extension);
     dvbpsi_bat_delete(t);
 }
 
@@ -124,17 +80,7 @@ void on_subtable(dvbpsi_t* handle, uint8_t table_id, uint16_t extension, void* d
 
 Tables their_tables(const Bytes& ts, unsigned pid) {
     Tables out;
-    dvbpsi_t* handle = dvbpsi_new(nullptr, DVBPSI_MSG_NONE);
-    dvbpsi_AttachDemux(handle, on_subtable, &out);
-    uint8_t packet[188];
-    for (size_t at = 0; at + 188 <= ts.size(); at += 188) {
-        std::memcpy(packet, &ts[at], 188);
-        if (packet[0] == 0x47 && unsigned((packet[1] & 0x1F) << 8 | packet[2]) == pid) {
-            dvbpsi_packet_push(handle, packet);
-        }
-    }
-    dvbpsi_DetachDemux(handle);
-    dvbpsi_delete(handle);
+    push_demux(ts, pid, on_subtable, &out);
     return out;
 }
 

@@ -1,127 +1,74 @@
-// Real-time play-out through the virtual board: constant-rate streams at 5, 38 and
-// 150 Mbit/s and real captures, fed at their own rate, paced by their PCRs or by buffer
-// stamps. Every packet must reach the line once and in order after the start-up, and the
-// PCRs must sit on the line where their values say.
+// Real-time play-out through the virtual board: constant-rate streams at 5, 38 and 150
+// Mbit/s and real captures, fed at their own rate and paced by their PCRs or by buffer
+// stamps. Every packet reaches the line once and in order after the start-up, and the
+// PCRs sit on the line where their values say.
 
 #include "wire_fixture.h"
 
 namespace {
 
-using wire::analyze;
+using kvtest::ts_stream;
 using wire::kSanitized;
 using wire::kStartUpWords;
-using wire::kWordsPerFrame;
+using WireRealTime = wire::RealTimeWireTest;
 
-// The TR 101 290 limit is 500 ns; PCR pacing places a PCR packet at the first word at or
-// after its due time, on a due time truncated to 100 ns, so it stays well inside that.
-constexpr double kPcrPacingLimitNs = 150.0;
-
-class WireRealTime : public wire::WireTest {
-protected:
-    void SetUp() override {
-#ifdef KV_E2E_TSAN
-        GTEST_SKIP() << "a ThreadSanitizer build cannot keep the line's real time";
-#endif
-        WireTest::SetUp();
+// Source packets [first, end) are on the line once each and in order, with nothing reset;
+// only the start-up may lose packets, and only those counted as skipped. Returns the
+// analysis of the line after the start-up.
+kv_asi_analyze::report check_packets(const wire::outcome& o, const ts_stream& s, size_t first,
+                                     size_t end) {
+    EXPECT_EQ(o.resets, 0u);
+    EXPECT_EQ(o.last_error, "");
+    const kv_asi_analyze::report all = wire::analyze(o.line.records, &s);
+    EXPECT_EQ(all.source.repeated + all.source.altered, 0u)
+        << testing::PrintToString(all.source.details);
+    if (o.skip_ts == 0) {
+        EXPECT_TRUE(all.cc_errors.empty());
     }
-
-    // Plays the stream in real time and stops once the line has settled.
-    wire::capture play_realtime(const wire::stream& s, const wire::settings& st) {
-        build(st);
-        play();
-        feed_realtime(s);
-        std::this_thread::sleep_for(std::chrono::milliseconds(st.latency_ms));
-        wait_until_line_settles();
-        EXPECT_EQ(bus_errors(), 0);
-        m_nSkipTs = stat_count("Skip TS packets");
-        m_nSkipHw = stat_count("Skip HW frames");
-        EXPECT_EQ(stat("Reset"), "0");
-        EXPECT_EQ(stat("Last error"), "");
-        return stop_and_read();
+    EXPECT_EQ(all.source.unsent_head, first);
+    EXPECT_GE(all.source.matched + o.skip_ts, end - first)
+        << "every packet is sent or counted as skipped";
+    // A sanitized build may miss frames; the packets due in them then go out late or, past
+    // a frame's room, are dropped.
+    if (!kSanitized) {
+        EXPECT_EQ(o.skip_hw, 0u) << "the element missed frames";
     }
-
-    // The packets [first, end) of the source must be on the line once each and in order;
-    // only the start-up may lose packets, and only those the element counted as skipped.
-    // Returns the analysis of the line after the start-up.
-    kv_asi_analyze::report check_packets(const wire::capture& c, const wire::stream& s,
-                                         size_t first, size_t end) {
-        const kv_asi_analyze::report all = analyze(c.records, &s);
-        EXPECT_EQ(all.source.repeated, 0u);
-        EXPECT_EQ(all.source.altered, 0u);
-        if (m_nSkipTs == 0) {
-            EXPECT_TRUE(all.cc_errors.empty());
-        }
-        EXPECT_EQ(all.source.unsent_head, first);
-        EXPECT_EQ(all.source.matched + m_nSkipTs, end - first)
-            << "every packet is sent or counted as skipped";
-        // A plain build keeps up with the line. A sanitized one may miss frames, and then
-        // the packets due in them go out late or, past a frame's room, are dropped.
-        if (!kSanitized) {
-            EXPECT_EQ(m_nSkipHw, 0u) << "the element missed frames";
-        }
-        if (m_nSkipHw == 0) {
-            EXPECT_EQ(all.source.missing, m_nSkipTs);
-            EXPECT_EQ(all.source.unsent_tail, s.packets() - end);
-        } else {
-            std::printf("[   wire   ] %s: %llu frames missed, timing not checked\n", s.name.c_str(),
-                        (unsigned long long)m_nSkipHw);
-        }
-        for (const std::string& d : all.source.details) {
-            std::printf("[   wire   ] %s: %s\n", s.name.c_str(), d.c_str());
-        }
-
-        const kv_asi_analyze::report after = analyze(c.between(kStartUpWords), &s);
-        EXPECT_GT(after.packets, 0u);
-        EXPECT_EQ(after.source.matched, after.packets);
-        if (m_nSkipHw == 0) {
-            EXPECT_EQ(after.source.missing, 0u);
-            EXPECT_EQ(after.source.unsent_tail, s.packets() - end);
-        }
-        return after;
+    const kv_asi_analyze::report after = wire::analyze(o.line.between(kStartUpWords), &s);
+    EXPECT_GT(after.packets, 0u);
+    EXPECT_EQ(after.source.matched, after.packets);
+    if (o.skip_hw == 0) {
+        EXPECT_EQ(all.source.missing, o.skip_ts);
+        EXPECT_EQ(after.source.missing, 0u);
+        EXPECT_LE(all.source.unsent_tail, s.packets() - end);
     }
-
-    uint64_t m_nSkipTs = 0;
-    uint64_t m_nSkipHw = 0;
-};
-
-// PCR pacing, PLL off: after the start-up every PCR sits where its value says, to within a
-// word and the 100 ns time unit, and the start-up frames sit exactly one frame late.
-void check_pcr_paced(const wire::capture& c, const wire::stream& s,
-                     const kv_asi_analyze::report& after, const std::string& label) {
-    const kv_asi_analyze::pcr_report* p = wire::pcr_of_pid(after, s.pcr_pid);
-    ASSERT_NE(p, nullptr);
-    wire::print_accuracy(label, *p);
-    if (kSanitized) {
-        return;
-    }
-    EXPECT_LE(p->offset_max_ns, kPcrPacingLimitNs) << label;
-    EXPECT_LE(p->drift_max_ns, kPcrPacingLimitNs) << label;
-    const double head = wire::mean_pcr_offset_ns(c.between(0, 6 * kWordsPerFrame), s.pcr_pid);
-    const double rest = wire::mean_pcr_offset_ns(c.between(kStartUpWords), s.pcr_pid);
-    EXPECT_NEAR(rest - head, 20e6, kPcrPacingLimitNs) << "start-up shift of " << label;
+    return after;
 }
 
 TEST_F(WireRealTime, GeneratedStreamsPacedByPcrKeepEveryPacketAndPcrAccuracy) {
     for (const uint64_t rate : {5000000ull, 38000000ull, 150000000ull}) {
         SCOPED_TRACE(rate);
         if (kSanitized && rate > 100000000ull) {
-            // Filling a frame this full takes a sanitized build longer than the frame lasts.
-            std::printf("[   wire   ] %llu Mbit/s skipped: a sanitized build cannot keep up\n",
-                        (unsigned long long)(rate / 1000000));
-            continue;
+            continue;  // filling a frame this full takes a sanitized build longer than a frame
         }
-        const wire::stream s = wire::generated(rate, 2);
-        const wire::capture c = play_realtime(s, wire::settings());
+        const ts_stream s = kvtest::generated(rate, 2);
+        const wire::outcome o = run(wire::settings(), [&] { feed_realtime(s); });
         const kv_asi_analyze::report after =
-            check_packets(c, s, s.pcr_packets.front(), s.pcr_packets.back());
-        check_pcr_paced(c, s, after, s.name + ", PCR pacing");
-        if (rate == 150000000ull) {
-            // The seventh frame carries two frames' worth of packets, more than a frame
-            // holds at this rate: the excess is dropped, counted and reported.
-            std::printf("[   wire   ] %s: %llu packets dropped at the start-up\n", s.name.c_str(),
-                        (unsigned long long)m_nSkipTs);
-        } else {
-            EXPECT_EQ(m_nSkipTs, 0u);
+            check_packets(o, s, s.pcr_packets.front(), s.pcr_packets.back());
+        // At 150 Mbit/s the seventh frame's two frames' worth of packets exceed its room:
+        // the excess is dropped and counted.
+        if (rate < 100000000ull) {
+            EXPECT_EQ(o.skip_ts, 0u);
+        }
+        // PLL off: the PCRs sit where their values say, and the start-up frames exactly
+        // one frame late.
+        const kv_asi_analyze::pcr_report p =
+            wire::pcr_accuracy(after, s, s.name + ", PCR pacing", wire::kPcrPacingLimitNs);
+        if (!kSanitized) {
+            EXPECT_LE(p.drift_max_ns, wire::kPcrPacingLimitNs);
+            const double head =
+                wire::mean_pcr_offset_ns(o.line.between(0, 6 * wire::kWordsPerFrame), s.pcr_pid);
+            const double rest = wire::mean_pcr_offset_ns(o.line.between(kStartUpWords), s.pcr_pid);
+            EXPECT_NEAR(rest - head, 20e6, wire::kPcrPacingLimitNs) << "start-up shift";
         }
         TearDown();
         SetUp();
@@ -129,72 +76,52 @@ TEST_F(WireRealTime, GeneratedStreamsPacedByPcrKeepEveryPacketAndPcrAccuracy) {
 }
 
 TEST_F(WireRealTime, GeneratedStreamPacedByBufferStamps) {
-    const wire::stream s = wire::generated(38000000, 2.5);
+    const ts_stream s = kvtest::generated(38000000, 2.5);
     wire::settings st;
     st.time_control = 1;
-    const wire::capture c = play_realtime(s, st);
+    const wire::outcome o = run(st, [&] { feed_realtime(s); });
     // Every buffer's first packet is an anchor; the last buffer waits for a next one.
     const size_t last_buffer = (s.packets() - 1) / kBufferPackets * kBufferPackets;
-    const kv_asi_analyze::report after = check_packets(c, s, 0, last_buffer);
-    EXPECT_EQ(m_nSkipTs, 0u);
-    const kv_asi_analyze::pcr_report* p = wire::pcr_of_pid(after, s.pcr_pid);
-    ASSERT_NE(p, nullptr);
-    wire::print_accuracy(s.name + ", buffer stamps", *p);
-    if (!kSanitized) {
-        // Packets between two stamps are spread by position with a step truncated to
-        // 100 ns, so a PCR packet inside a buffer may be early by up to 6 units.
-        EXPECT_LE(p->offset_max_ns, 700.0);
-    }
+    const kv_asi_analyze::report after = check_packets(o, s, 0, last_buffer);
+    EXPECT_EQ(o.skip_ts, 0u);
+    // Packets between two stamps are spread by position with a step truncated to 100 ns,
+    // so a PCR packet inside a buffer may be early by up to 6 units.
+    wire::pcr_accuracy(after, s, s.name + ", buffer stamps", 700.0);
 }
 
 TEST_F(WireRealTime, GeneratedStreamPacedByTsparseStamps) {
     if (!wire::have_tsparse()) {
         GTEST_SKIP() << "tsparse is not installed";
     }
-    const wire::stream s = wire::generated(38000000, 2.5);
+    const ts_stream s = kvtest::generated(38000000, 2.5);
     wire::settings st;
     st.time_control = 1;
     st.tsparse = true;
-    const wire::capture c = play_realtime(s, st);
-    const kv_asi_analyze::report all = analyze(c.records, &s);
-    EXPECT_EQ(all.source.repeated, 0u);
-    EXPECT_EQ(all.source.altered, 0u);
-    const kv_asi_analyze::report after = analyze(c.between(kStartUpWords), &s);
-    EXPECT_GT(after.packets, s.packets() / 2);
-    EXPECT_EQ(after.source.matched, after.packets);
-    if (m_nSkipHw == 0) {
-        EXPECT_EQ(all.source.missing, m_nSkipTs);
-        EXPECT_EQ(after.source.missing, 0u);
-    }
-    const kv_asi_analyze::pcr_report* p = wire::pcr_of_pid(after, s.pcr_pid);
-    ASSERT_NE(p, nullptr);
-    wire::print_accuracy(s.name + ", tsparse stamps", *p);
+    const wire::outcome o = run(st, [&] { feed_realtime(s); });
+    // tsparse hands on a buffer per PCR interval, stamped from its PCRs; the element keeps
+    // the last one until a next stamp, which never comes.
+    const kv_asi_analyze::report after =
+        check_packets(o, s, 0, s.pcr_packets[s.pcr_packets.size() - 2]);
+    EXPECT_EQ(o.skip_ts, 0u);
+    wire::pcr_accuracy(after, s, s.name + ", tsparse stamps", 700.0);
 }
 
 TEST_F(WireRealTime, CorpusCapturesPlayOutWithTheirPcrAccuracy) {
-    // test-143.ts is left out: its first PCR PID carries stray PCR values hours away
-    // from their neighbours, each of which resets the FIFO as a large gap.
+    // test-143.ts is left out: its first PCR PID carries stray PCR values hours away from
+    // their neighbours, each of which resets the FIFO as a large gap.
     int played = 0;
     for (const auto& it :
          {std::make_pair("test-072.ts", 0x65), std::make_pair("test-025.ts", 0x100)}) {
-        const wire::stream s = wire::corpus(it.first, uint16_t(it.second), 2.5);
+        const ts_stream s = kvtest::corpus(it.first, uint16_t(it.second), 2.5);
         if (s.packets() == 0) {
             continue;
         }
         SCOPED_TRACE(it.first);
         ++played;
-        const wire::capture c = play_realtime(s, wire::settings());
-        const kv_asi_analyze::report after =
-            check_packets(c, s, s.pcr_packets.front(), s.pcr_packets.back());
-        for (const kv_asi_analyze::pcr_report& p : after.pcr) {
-            wire::print_accuracy(s.name + (p.pid == s.pcr_pid ? ", pacing PID" : ", other PID"), p);
-        }
-        const kv_asi_analyze::pcr_report* p = wire::pcr_of_pid(after, s.pcr_pid);
-        ASSERT_NE(p, nullptr);
-        if (!kSanitized) {
-            // The pacing PID's PCRs are the FIFO's anchors: as exact as a generated stream.
-            EXPECT_LE(p->offset_max_ns, kPcrPacingLimitNs);
-        }
+        const wire::outcome o = run(wire::settings(), [&] { feed_realtime(s); });
+        // The pacing PID's PCRs are the FIFO's anchors: as exact as a generated stream's.
+        wire::pcr_accuracy(check_packets(o, s, s.pcr_packets.front(), s.pcr_packets.back()), s,
+                           s.name + ", pacing PID", wire::kPcrPacingLimitNs);
         TearDown();
         SetUp();
     }

@@ -1,8 +1,8 @@
 #pragma once
 
-// The element as GStreamer loads it: the plugin module from the build tree, driven
-// through a GstHarness against the virtual board linked into the test executable (its
-// open/ioctl/mmap/munmap/close are exported to the module, see CMakeLists.txt).
+// The element as GStreamer loads it: the plugin module from the build tree, playing into
+// the virtual board linked into the test executable (its open/ioctl/mmap/munmap/close are
+// exported to the module, see CMakeLists.txt), and the streams the tests feed it.
 
 #include <dirent.h>
 #include <gst/check/gstharness.h>
@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,13 +26,13 @@
 
 #include "kv_asi_renderer/kv_base_statistics.h"
 #include "kv_asi_renderer/kv_i_alarm_manager.h"
+#include "kv_ts_generator.h"
 #include "kv_vboard.h"
 
 namespace kvtest {
 
 // GStreamer is set up once per process on the build tree's plugin alone, with a registry
-// file of its own so that the user's is never touched. Scanning happens in-process: the
-// separate scanner program could not load a module built with a sanitizer.
+// file of its own. Scanning happens in-process: the scanner cannot load a sanitized module.
 class GstEnvironment : public testing::Environment {
 public:
     void SetUp() override {
@@ -64,8 +65,8 @@ inline int thread_count() {
     return count_entries("/proc/self/task");
 }
 
-// Polls cond until it holds or a deadline passes that is generous even for a sanitized
-// build on a loaded machine. Only for liveness: nothing here measures speed.
+// Polls cond until it holds or a deadline generous even for a sanitized build on a loaded
+// machine passes. Only for liveness: nothing here measures speed.
 inline bool eventually(const std::function<bool()>& cond,
                        std::chrono::seconds limit = std::chrono::seconds(60)) {
     const auto end = std::chrono::steady_clock::now() + limit;
@@ -78,7 +79,7 @@ inline bool eventually(const std::function<bool()>& cond,
     return true;
 }
 
-// An alarm manager as a host writes one: keeps what it is given, counts the calls.
+// An alarm manager as a host writes one: keeps what it is given.
 class recording_manager : public kv_i_alarm_manager {
 public:
     void register_alarm(std::shared_ptr<kv_i_alarm_event> alarm) override {
@@ -110,55 +111,147 @@ private:
     std::vector<std::shared_ptr<kv_i_alarm_event>> m_alarms;
 };
 
-// A real capture, cut at its PCRs. Empty when the corpus is absent.
-struct ts_stream {
-    std::vector<uint8_t> bytes;
-    std::vector<size_t> pcr_packets;  // indices of the packets carrying the PCRs of pcr_pid
+inline void add_board(const char* node, const std::string& capture, bool freerun) {
+    kv_vboard_config cfg;
+    kv_vboard_default_config(&cfg);
+    std::snprintf(cfg.node, sizeof(cfg.node), "%s", node);
+    std::snprintf(cfg.capture, sizeof(cfg.capture), "%s", capture.c_str());
+    cfg.freerun = freerun ? 1 : 0;
+    ASSERT_EQ(kv_vboard_add(&cfg), 0);
+}
 
-    size_t packets() const { return bytes.size() / 188; }
-};
+inline kv_vboard_counters counters(const char* node) {
+    kv_vboard_counters c;
+    std::memset(&c, 0, sizeof(c));
+    EXPECT_EQ(kv_vboard_get_counters(node, &c), 0);
+    return c;
+}
 
-inline ts_stream load_stream(const char* name, uint16_t pcr_pid) {
-    ts_stream s;
-    std::ifstream in(std::string(KV_CORPUS_DIR) + "/" + name, std::ios::binary | std::ios::ate);
-    if (!in) {
-        return s;
-    }
-    s.bytes.resize(static_cast<size_t>(in.tellg()));
-    in.seekg(0);
-    in.read(reinterpret_cast<char*>(s.bytes.data()), static_cast<std::streamsize>(s.bytes.size()));
-    for (size_t i = 0; i < s.packets(); ++i) {
-        const uint8_t* p = &s.bytes[i * 188];
-        const uint16_t pid = static_cast<uint16_t>((p[1] & 0x1f) << 8 | p[2]);
-        const bool has_af = (p[3] & 0x20) != 0;
-        if (pid == pcr_pid && has_af && p[4] >= 7 && (p[5] & 0x10) != 0) {
-            s.pcr_packets.push_back(i);
+// The live statistics as a host that only knows the display interface sees them (the
+// object's single base, at its start).
+inline const kv_base_statistics* statistics(GstElement* el) {
+    gpointer p = nullptr;
+    g_object_get(el, "statistics", &p, nullptr);
+    return static_cast<const kv_base_statistics*>(p);
+}
+inline std::string stat(GstElement* el, const std::string& name) {
+    for (const auto& row : statistics(el)->get_items()) {
+        if (row.first == name) {
+            return row.second;
         }
     }
+    return "<missing>";
+}
+
+inline uint16_t pid_of(const uint8_t* p) {
+    return static_cast<uint16_t>((p[1] & 0x1f) << 8 | p[2]);
+}
+inline bool has_pcr(const uint8_t* p) {
+    return (p[3] & 0x20) != 0 && p[4] >= 7 && (p[5] & 0x10) != 0;
+}
+inline int64_t pcr_of(const uint8_t* p) {
+    const int64_t base = int64_t(p[6]) << 25 | int64_t(p[7]) << 17 | int64_t(p[8]) << 9 |
+                         int64_t(p[9]) << 1 | int64_t(p[10] >> 7);
+    return base * 300 + (int64_t(p[10] & 1) << 8 | p[11]);
+}
+
+// A stream with the time of each packet on its own clock from the PCRs of one PID: linear
+// between PCR packets by position, extended at both ends with the nearest interval.
+struct ts_stream {
+    std::string name;
+    std::vector<uint8_t> bytes;
+    uint16_t pcr_pid = 0;
+    std::vector<size_t> pcr_packets;
+    std::vector<int64_t> time_ns;  // per packet, 0 at packet 0
+
+    size_t packets() const { return bytes.size() / 188; }
+    const uint8_t* packet(size_t i) const { return &bytes[i * 188]; }
+    bool is_pcr(const uint8_t* p) const { return pid_of(p) == pcr_pid && has_pcr(p); }
+    // The last PCR packet before packet i (packets() when none).
+    size_t pcr_before(size_t i) const {
+        auto it = std::lower_bound(pcr_packets.begin(), pcr_packets.end(), i);
+        return it == pcr_packets.begin() ? packets() : *(it - 1);
+    }
+    // The first packet whose time is at or after t.
+    size_t packet_at(int64_t t_ns) const {
+        return size_t(std::lower_bound(time_ns.begin(), time_ns.end(), t_ns) - time_ns.begin());
+    }
+
+    void index() {
+        pcr_packets.clear();
+        std::vector<double> pcrs;
+        for (size_t i = 0; i < packets(); ++i) {
+            if (is_pcr(packet(i))) {
+                double pcr = double(pcr_of(packet(i)));
+                while (!pcrs.empty() && pcr < pcrs.back()) {
+                    pcr += double(int64_t(1) << 33) * 300;  // the 27 MHz counter wrapped
+                }
+                pcr_packets.push_back(i);
+                pcrs.push_back(pcr);
+            }
+        }
+        time_ns.assign(packets(), 0);
+        for (size_t i = 0, k = 0; pcrs.size() >= 2 && i < packets(); ++i) {
+            while (k + 2 < pcrs.size() && i >= pcr_packets[k + 1]) {
+                ++k;
+            }
+            const double per_packet =
+                (pcrs[k + 1] - pcrs[k]) / double(pcr_packets[k + 1] - pcr_packets[k]);
+            const double ticks = pcrs[k] + per_packet * (double(i) - double(pcr_packets[k]));
+            time_ns[i] = std::llround((ticks - pcrs[0]) * 1000.0 / 27.0);
+        }
+        const int64_t t0 = time_ns.empty() ? 0 : time_ns[0];  // before the first PCR: < 0
+        for (int64_t& t : time_ns) {
+            t -= t0;
+        }
+    }
+};
+
+inline ts_stream generated(uint64_t rate_bps, double seconds, uint64_t pcr_interval_ns = 30000000) {
+    ts_stream s;
+    kv_ts_generate::options o;
+    o.rate_bps = rate_bps;
+    o.packets = kv_ts_generate::packets_for_duration(rate_bps, uint64_t(seconds * 1e9));
+    o.pcr_interval_ns = pcr_interval_ns;
+    std::string error;
+    EXPECT_TRUE(kv_ts_generate::generate(o, s.bytes, error)) << error;
+    s.name = std::to_string(rate_bps / 1000000) + " Mbit/s generated";
+    s.pcr_pid = o.pcr_pid;
+    s.index();
     return s;
 }
 
-// One program with a PCR every 40 ms on PID 0x65, about 12 s.
-inline ts_stream load_pcr_stream() {
-    return load_stream("test-072.ts", 0x65);
+// A corpus capture up to its last PCR packet within `seconds`; empty when it is absent.
+inline ts_stream corpus(const char* file, uint16_t pcr_pid, double seconds) {
+    ts_stream s;
+    std::ifstream in(std::string(KV_CORPUS_DIR) + "/" + file, std::ios::binary);
+    s.bytes.assign(std::istreambuf_iterator<char>(in), {});
+    s.name = file;
+    s.pcr_pid = pcr_pid;
+    s.index();
+    if (s.pcr_packets.size() < 3) {
+        return ts_stream();
+    }
+    const size_t end = s.pcr_before(s.packet_at(int64_t(seconds * 1e9)) + 1);
+    s.bytes.resize((end + 1) * 188);
+    s.index();
+    return s;
 }
 
-inline GstBuffer* make_buffer(const uint8_t* data, size_t size,
-                              GstClockTime dts = GST_CLOCK_TIME_NONE,
-                              GstClockTime pts = GST_CLOCK_TIME_NONE) {
-    GstBuffer* b = gst_buffer_new_memdup(data, size);
-    GST_BUFFER_DTS(b) = dts;
-    GST_BUFFER_PTS(b) = pts;
-    return b;
+// One program with a PCR every 40 ms: a real capture, or a generated stream like it when
+// the corpus is absent.
+inline ts_stream pcr_stream(double seconds) {
+    ts_stream s = corpus("test-072.ts", 0x65, seconds);
+    return s.packets() > 0 ? s : generated(2000000, seconds, 40000000);
 }
 
-// The element in a harness, its sink pad fed by the harness, on its own board node.
+// The element in a harness, its sink pad fed by the harness, on its own free-running node.
 class ElementTest : public testing::Test {
 protected:
     static constexpr const char* kNode = "/dev/kvasi-element";
 
     void SetUp() override {
-        add_board("");
+        add_board(kNode, "", true);
         GstElementFactory* f = gst_element_factory_find("kv_asi_renderer");
         ASSERT_NE(f, nullptr) << "plugin not loaded from " KV_PLUGIN_DIR;
         gst_object_unref(f);
@@ -178,54 +271,26 @@ protected:
         kv_vboard_remove_all();
     }
 
-    void add_board(const std::string& capture) {
-        kv_vboard_config cfg;
-        kv_vboard_default_config(&cfg);
-        std::snprintf(cfg.node, sizeof(cfg.node), "%s", kNode);
-        std::snprintf(cfg.capture, sizeof(cfg.capture), "%s", capture.c_str());
-        cfg.freerun = 1;
-        ASSERT_EQ(kv_vboard_add(&cfg), 0);
-    }
-
-    kv_vboard_counters counters() {
-        kv_vboard_counters c;
-        std::memset(&c, 0, sizeof(c));
-        EXPECT_EQ(kv_vboard_get_counters(kNode, &c), 0);
-        return c;
-    }
-
     GstStateChangeReturn set_state(GstState s) { return gst_element_set_state(el, s); }
-    // NULL -> READY -> PAUSED -> PLAYING, each step checked.
-    void play() {
+    void pause() {
         ASSERT_EQ(set_state(GST_STATE_READY), GST_STATE_CHANGE_SUCCESS);
         ASSERT_EQ(set_state(GST_STATE_PAUSED), GST_STATE_CHANGE_NO_PREROLL);
+    }
+    void play() {
+        pause();
         ASSERT_EQ(set_state(GST_STATE_PLAYING), GST_STATE_CHANGE_SUCCESS);
     }
 
     // Pushes packets [first, last) of the stream in buffers of 7 packets.
     void push_packets(const ts_stream& s, size_t first, size_t last) {
         for (size_t i = first; i < last; i += 7) {
-            const size_t n = std::min<size_t>(7, last - i);
-            ASSERT_EQ(gst_harness_push(h, make_buffer(&s.bytes[i * 188], n * 188)), GST_FLOW_OK);
+            GstBuffer* b = gst_buffer_new_memdup(s.packet(i), std::min<size_t>(7, last - i) * 188);
+            ASSERT_EQ(gst_harness_push(h, b), GST_FLOW_OK);
         }
     }
 
-    // The live statistics as a host that only knows the display interface sees them
-    // (the object's single base, at its start).
-    const kv_base_statistics* statistics() {
-        gpointer p = nullptr;
-        g_object_get(el, "statistics", &p, nullptr);
-        return static_cast<const kv_base_statistics*>(p);
-    }
-    // One row of the statistics.
-    std::string stat(const std::string& name) {
-        for (const auto& row : statistics()->get_items()) {
-            if (row.first == name) {
-                return row.second;
-            }
-        }
-        return "<missing>";
-    }
+    kv_vboard_counters counters() { return kvtest::counters(kNode); }
+    std::string stat(const std::string& name) { return kvtest::stat(el, name); }
 
     GstHarness* h = nullptr;
     GstElement* el = nullptr;

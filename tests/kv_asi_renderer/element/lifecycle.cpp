@@ -1,28 +1,22 @@
-// Element lifecycles with the output thread, the streaming thread and the application
-// thread all active: repeated play and stop with buffers flowing, and an element
-// released while it still plays.
+// Element lifecycles with the output, streaming and application threads all active:
+// repeated play and stop with buffers flowing, and an element released while it plays.
 
 #include "element_fixture.h"
 
 namespace {
 
-using kvtest::ElementTest;
 using kvtest::eventually;
-
-using ElementLifecycleConcurrency = ElementTest;
+using ElementLifecycleConcurrency = kvtest::ElementTest;
 
 TEST_F(ElementLifecycleConcurrency, PlayAndStopWithBuffersFlowing) {
-    kvtest::ts_stream s = kvtest::load_pcr_stream();
-    if (s.pcr_packets.size() <= 30) {
-        GTEST_SKIP() << "corpus not found in " KV_CORPUS_DIR;
-    }
-    s.bytes.resize(s.pcr_packets[30] * 188);  // 1.2 s per cycle
+    const kvtest::ts_stream s = kvtest::pcr_stream(1.2);
+    ASSERT_GT(s.pcr_packets.size(), 2u);
     kvtest::recording_manager manager;
     g_object_set(el, "latency", 20u, "buffer-size", 1u << 20, "alarm-source-name", "asi-cycle",
                  "alarm-manager", &manager, nullptr);
     const int fds = kvtest::open_fd_count();
     const int threads = kvtest::thread_count();
-    auto* stats = statistics();
+    const kv_base_statistics* stats = kvtest::statistics(el);
 
     for (int cycle = 0; cycle < 200; ++cycle) {
         SCOPED_TRACE(cycle);
@@ -32,7 +26,7 @@ TEST_F(ElementLifecycleConcurrency, PlayAndStopWithBuffersFlowing) {
         const uint64_t sent = counters().packets;
         std::thread upstream([&] { push_packets(s, 0, s.packets()); });
         EXPECT_EQ(stats->get_items().size(), 7u);
-        EXPECT_EQ(statistics(), stats);
+        EXPECT_EQ(kvtest::statistics(el), stats);
         EXPECT_TRUE(eventually([&] { return counters().packets > sent; }));
         EXPECT_EQ(set_state(GST_STATE_PAUSED), GST_STATE_CHANGE_SUCCESS);
         upstream.join();

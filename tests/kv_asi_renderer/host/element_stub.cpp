@@ -1,6 +1,5 @@
-// Stands in for the element towards a separately built host: owns the renderer's alarms
-// and statistics, hands out plain pointers as the "alarm-manager" and "statistics"
-// properties do, and drives them as the output engine does.
+// Stands in for the element towards a separately built host: owns the renderer's alarms and
+// statistics, hands out plain pointers as the element's properties do, and drives them.
 
 #include <utility>
 

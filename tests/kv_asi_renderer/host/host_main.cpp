@@ -1,7 +1,5 @@
-// A host application built apart from the renderer, from nothing but the installed
-// headers and pkg-config file: it loads a stand-in for the element, hands it an alarm
-// manager, and prints what it reads back through the alarms' and statistics' virtual
-// operations.
+// A host built from the installed headers and pkg-config file alone: it hands a stand-in
+// element an alarm manager and prints what the alarms' and statistics' virtual calls give.
 
 #include <dlfcn.h>
 

@@ -120,6 +120,7 @@ bool CBaseMpegTable::read_section_header(KVSDK::KVBSReader& r) {
     if (section_length > available - kHeaderSize) {
         return false;
     }
+    m_pSectionEnd = start + kHeaderSize + section_length;
     // The CRC over the whole section, its CRC field included, is 0 when it is intact.
     return crc32_mpeg2(start, kHeaderSize + section_length) == 0;
 }

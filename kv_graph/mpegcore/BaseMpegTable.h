@@ -82,6 +82,14 @@ protected:
     // the header. Returns false for an incomplete or corrupt section.
     bool read_section_header(KVSDK::KVBSReader& r);
 
+    // Body bytes left in front of the CRC, counted from the reader's position (on a byte
+    // boundary) in the section that read_section_header() accepted last. Negative once the
+    // reader has passed the CRC, as it does behind a loop length that overshoots the
+    // section; each table's loops run while this leaves room for one more entry.
+    int32_t body_length(const KVSDK::KVBSReader& r) const {
+        return static_cast<int32_t>(m_pSectionEnd - r.getData()) - kCrcSize;
+    }
+
     // Ends a section that was started at `section_start` (the writer's data pointer, after
     // a flush, before the header was written): flushes the writer, writes the CRC of all
     // bytes from there, stores it in `crc` and flushes again. False when it did not fit.
@@ -95,6 +103,11 @@ protected:
     size_t m_lSizeTable = 0;
     size_t m_lMaxSize = 0;
     bool m_bSelfAlloc = false;
+
+private:
+    static constexpr int32_t kCrcSize = 4;
+    // One past the last byte of the section being read; only meaningful inside read().
+    const uint8_t* m_pSectionEnd = nullptr;
 };
 
 // Two tables of one type: the one being parsed and the last complete one, so that the

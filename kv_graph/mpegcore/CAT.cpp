@@ -28,7 +28,7 @@ bool CDescriptorLoopTable::read(KVSDK::KVBSReader& r) {
     last_section_number = static_cast<uint8_t>(r.getBits(8));
 
     descriptors.clear();
-    const int loop_length = static_cast<int>(section_length) - kFixedLength;
+    const int32_t loop_length = body_length(r);
     if (loop_length >= 1 &&
         !read_descriptor_loop(r, static_cast<uint16_t>(loop_length), descriptors, true)) {
         return false;

@@ -134,15 +134,13 @@ bool CEIT::read(KVSDK::KVBSReader& r) {
     last_table_id = static_cast<uint8_t>(r.getBits(8));
 
     eventInfo.clear();
-    // Event loop bytes. A descriptor loop that overshoots the section makes this negative
-    // and ends the loop; fewer than 12 bytes cannot hold an event.
-    int32_t remaining = static_cast<int32_t>(section_length) - kFixedLength;
-    while (remaining >= kEventHeaderSize) {
+    // Fewer than 12 bytes cannot hold an event and end the loop, as does a descriptor loop
+    // that overshoots the section.
+    while (body_length(r) >= kEventHeaderSize) {
         auto event = std::make_shared<CEventInfo>();
         if (!event->read(r)) {
             return false;
         }
-        remaining -= event->descriptors_loop_length + kEventHeaderSize;
         eventInfo.push_back(std::move(event));
     }
     CRC = static_cast<uint32_t>(r.getBits(32));

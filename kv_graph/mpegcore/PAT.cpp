@@ -31,21 +31,19 @@ bool CPAT::read(KVSDK::KVBSReader& r) {
     last_section_number = static_cast<uint8_t>(r.getBits(8));
 
     program_map.clear();
-    if (section_length > 12) {
-        const int entries = (section_length - kFixedLength) / kEntrySize;
-        for (int i = 0; i < entries; ++i) {
-            CBaseMpegProgram program;
-            program.program_number = static_cast<uint16_t>(r.getBits(16));
-            program.reserved = static_cast<uint8_t>(r.getBits(3));
-            const uint16_t pid = static_cast<uint16_t>(r.getBits(13));
-            if (program.program_number == 0) {
-                program.map_PID.network_PID = pid;
-            } else {
-                program.map_PID.program_map_PID = pid;
-            }
-            program.SetValid();
-            program_map[pid] = program;
+    // Whole entries only: a partial one in front of the CRC is ignored.
+    while (body_length(r) >= kEntrySize) {
+        CBaseMpegProgram program;
+        program.program_number = static_cast<uint16_t>(r.getBits(16));
+        program.reserved = static_cast<uint8_t>(r.getBits(3));
+        const uint16_t pid = static_cast<uint16_t>(r.getBits(13));
+        if (program.program_number == 0) {
+            program.map_PID.network_PID = pid;
+        } else {
+            program.map_PID.program_map_PID = pid;
         }
+        program.SetValid();
+        program_map[pid] = program;
     }
     CRC = static_cast<uint32_t>(r.getBits(32));
     return true;

@@ -58,10 +58,9 @@ bool CPMT::read(KVSDK::KVBSReader& r) {
         return false;
     }
 
-    // Stream loop bytes. An ES_info_length that overshoots the section makes this
-    // negative and ends the loop; fewer than 5 spare bytes end it as well.
-    int32_t remaining = static_cast<int32_t>(section_length) - kFixedLength - program_info_length;
-    while (remaining > 4) {
+    // Fewer than 5 bytes cannot hold a stream and end the loop, as does an ES_info_length
+    // that overshoots the section.
+    while (body_length(r) >= kStreamHeaderSize) {
         auto stream = std::make_shared<CBaseStreamTypeMap>();
         stream->stream_type = static_cast<uint8_t>(r.getBits(8));
         stream->reserved1 = static_cast<uint8_t>(r.getBits(3));
@@ -71,7 +70,6 @@ bool CPMT::read(KVSDK::KVBSReader& r) {
         if (!read_descriptor_loop(r, stream->ES_info_length, stream->descriptors)) {
             return false;
         }
-        remaining -= stream->ES_info_length + kStreamHeaderSize;
         stream_map[stream->elementary_PID] = std::move(stream);
     }
     CRC = static_cast<uint32_t>(r.getBits(32));

@@ -44,10 +44,9 @@ bool CSDT::read(KVSDK::KVBSReader& r) {
     reserved_future_use1 = static_cast<uint8_t>(r.getBits(8));
 
     sds.clear();
-    // Service loop bytes. Fewer than 5 left cannot hold a service and end the loop; a loop
-    // length that overshoots the section makes this negative and ends it as well.
-    int32_t remaining = static_cast<int32_t>(section_length) - kFixedLength;
-    while (remaining > 4) {
+    // Fewer than 5 bytes cannot hold a service and end the loop, as does a loop length that
+    // overshoots the section.
+    while (body_length(r) >= kServiceHeaderSize) {
         auto service = std::make_shared<CServiceDescriptionSection>();
         service->service_id = static_cast<uint16_t>(r.getBits(16));
         service->reserved_future_use = static_cast<uint8_t>(r.getBits(6));
@@ -59,7 +58,6 @@ bool CSDT::read(KVSDK::KVBSReader& r) {
         if (!read_descriptor_loop(r, service->descriptors_loop_length, service->descriptors)) {
             return false;
         }
-        remaining -= service->descriptors_loop_length + kServiceHeaderSize;
         sds[service->service_id] = std::move(service);
     }
     CRC = static_cast<uint32_t>(r.getBits(32));

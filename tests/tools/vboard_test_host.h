@@ -1,6 +1,6 @@
 #pragma once
 
-// A minimal V4L2 output host for driving the virtual board through raw ioctls, and a
+// A minimal V4L2 output host driving the virtual board through raw ioctls, and a
 // constant-rate stream laid out on the line word by word.
 
 #include <fcntl.h>
@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdint>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -22,37 +21,33 @@
 
 namespace vboard_test {
 
-constexpr uint32_t kFourcc = v4l2_fourcc('K', 'V', 'R', 'A');
-
+// Every call returns 0 or the errno of the failing call.
 struct host {
     int fd = -1;
-    bool mplane = false;
     uint32_t type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
     std::vector<uint8_t*> data;
-    std::vector<size_t> lengths;
+    size_t length = 0;  // of every buffer
     v4l2_plane plane{};
 
     ~host() { close(); }
-
-    // Returns 0 or the errno of the failing call.
+    bool mplane() const { return type == V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE; }
     int call(unsigned long request, void* arg) {
         return ::ioctl(fd, request, arg) == 0 ? 0 : errno;
     }
 
     int open(const char* node, bool bMplane, int flags = O_RDWR) {
-        mplane = bMplane;
         type = bMplane ? V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE : V4L2_BUF_TYPE_VIDEO_OUTPUT;
         fd = ::open(node, flags);
         return fd >= 0 ? 0 : errno;
     }
 
     void prepare(v4l2_buffer& b, uint32_t index) {
-        memset(&b, 0, sizeof(b));
+        b = v4l2_buffer{};
         b.type = type;
         b.memory = V4L2_MEMORY_MMAP;
         b.index = index;
-        if (mplane) {
-            memset(&plane, 0, sizeof(plane));
+        plane = v4l2_plane{};
+        if (mplane()) {
             b.m.planes = &plane;
             b.length = 1;
         }
@@ -62,42 +57,36 @@ struct host {
     int setup(uint32_t nRequest = 6) {
         v4l2_format f{};
         f.type = type;
-        if (int e = call(VIDIOC_G_FMT, &f)) {
-            return e;
-        }
-        (mplane ? f.fmt.pix_mp.pixelformat : f.fmt.pix.pixelformat) = kFourcc;
-        if (int e = call(VIDIOC_S_FMT, &f)) {
-            return e;
-        }
         v4l2_requestbuffers r{};
         r.count = nRequest;
         r.type = type;
         r.memory = V4L2_MEMORY_MMAP;
-        if (int e = call(VIDIOC_REQBUFS, &r)) {
-            return e;
-        }
-        for (uint32_t i = 0; i < r.count; ++i) {
+        int e = call(VIDIOC_G_FMT, &f);
+        (mplane() ? f.fmt.pix_mp.pixelformat : f.fmt.pix.pixelformat) =
+            v4l2_fourcc('K', 'V', 'R', 'A');
+        e = e ? e : call(VIDIOC_S_FMT, &f);
+        e = e ? e : call(VIDIOC_REQBUFS, &r);
+        for (uint32_t i = 0; e == 0 && i < r.count; ++i) {
             v4l2_buffer b;
             prepare(b, i);
-            if (int e = call(VIDIOC_QUERYBUF, &b)) {
-                return e;
+            if ((e = call(VIDIOC_QUERYBUF, &b)) != 0) {
+                break;
             }
-            const size_t len = mplane ? plane.length : b.length;
-            const off_t off = mplane ? plane.m.mem_offset : b.m.offset;
-            void* p = mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED, fd, off);
+            length = mplane() ? plane.length : b.length;
+            void* p = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, fd,
+                           mplane() ? plane.m.mem_offset : b.m.offset);
             if (p == MAP_FAILED) {
                 return errno;
             }
             data.push_back(static_cast<uint8_t*>(p));
-            lengths.push_back(len);
         }
-        return 0;
+        return e;
     }
 
     int qbuf(uint32_t index, uint32_t bytesused = kvvb::kBytesPerFrame) {
         v4l2_buffer b;
         prepare(b, index);
-        (mplane ? plane.bytesused : b.bytesused) = bytesused;
+        (mplane() ? plane.bytesused : b.bytesused) = bytesused;
         return call(VIDIOC_QBUF, &b);
     }
 
@@ -122,27 +111,21 @@ struct host {
         return call(VIDIOC_G_EXT_CTRLS, &cs);
     }
 
-    void unmap() {
-        for (size_t i = 0; i < data.size(); ++i) {
-            munmap(data[i], lengths[i]);
+    // Unmaps the buffers and closes the descriptor; the close's result.
+    int close() {
+        for (uint8_t* p : data) {
+            munmap(p, length);
         }
         data.clear();
-        lengths.clear();
-    }
-
-    void close() {
-        unmap();
-        if (fd >= 0) {
-            ::close(fd);
-            fd = -1;
-        }
+        const int e = fd >= 0 && ::close(fd) != 0 ? errno : 0;
+        fd = -1;
+        return e;
     }
 };
 
 // A constant-rate stream: packet k starts at line word k * spacing. Every pcr_every-th
-// packet is on PID 0x100 and carries a PCR equal to its start word (the word clock is
-// the 27 MHz clock) plus pcr_offset; the others are on PID 0x101. Continuity counters
-// run per PID.
+// packet is on PID 0x100 with a PCR equal to its start word (the word clock is the 27 MHz
+// clock) plus pcr_offset; the others are on PID 0x101. Continuity counters run per PID.
 struct cbr_line {
     uint32_t spacing = 1000;
     uint32_t pcr_every = 20;
@@ -151,47 +134,37 @@ struct cbr_line {
     void packet(uint64_t k, uint8_t* p) const {
         const bool bPcr = k % pcr_every == 0;
         const uint64_t index = bPcr ? k / pcr_every : k - (k + pcr_every - 1) / pcr_every;
-        p[0] = 0x47;
-        p[1] = 0x01;
-        p[2] = bPcr ? 0x00 : 0x01;
-        p[3] = uint8_t((bPcr ? 0x30 : 0x10) | (index & 0x0f));
+        const uint8_t head[4] = {0x47, 0x01, uint8_t(bPcr ? 0 : 1),
+                                 uint8_t((bPcr ? 0x30 : 0x10) | (index & 0x0f))};
+        memcpy(p, head, 4);
         size_t i = 4;
-        if (bPcr) {
+        if (bPcr) {  // length 7, PCR_flag, then 33-bit base, 6 reserved ones, 9-bit extension
             const uint64_t pcr = k * spacing + pcr_offset;
-            const uint64_t base = (pcr / 300) & ((uint64_t(1) << 33) - 1);
-            const uint64_t ext = pcr % 300;
+            const uint64_t field = (pcr / 300 % (uint64_t(1) << 33)) << 15 | 0x7e00 | pcr % 300;
             p[4] = 7;
             p[5] = 0x10;
-            p[6] = uint8_t(base >> 25);
-            p[7] = uint8_t(base >> 17);
-            p[8] = uint8_t(base >> 9);
-            p[9] = uint8_t(base >> 1);
-            p[10] = uint8_t((base & 1) << 7 | 0x7e | (ext >> 8));
-            p[11] = uint8_t(ext);
-            i = 12;
+            for (i = 6; i < 12; ++i) {
+                p[i] = uint8_t(field >> (8 * (11 - i)));
+            }
         }
         for (; i < 188; ++i) {
             p[i] = uint8_t(k * 31 + i);
         }
     }
 
-    // The packed words of line frame f (675000 bytes), written word by word straight
-    // into the five-byte groups.
+    // The packed words of line frame f, each written straight into its five-byte group.
     void frame(uint64_t f, uint8_t* out) const {
         memset(out, 0, kvvb::kBytesPerFrame);
-        const uint64_t first = f * kvvb::kWordsPerFrame;
-        const uint64_t last = first + kvvb::kWordsPerFrame;
-        uint64_t k = first >= 187 ? (first - 187 + spacing - 1) / spacing : 0;
+        const uint64_t first = f * kvvb::kWordsPerFrame, last = first + kvvb::kWordsPerFrame;
         uint8_t p[188];
-        for (; k * spacing < last; ++k) {
+        for (uint64_t k = first >= 187 ? (first - 187 + spacing - 1) / spacing : 0;
+             k * spacing < last; ++k) {
             packet(k, p);
-            for (uint64_t j = 0; j < 188; ++j) {
-                const uint64_t w = k * spacing + j;
+            for (uint64_t j = 0, w = k * spacing; j < 188; ++j, ++w) {
                 if (w >= first && w < last) {
-                    const uint64_t i = w - first;
-                    const unsigned bit = unsigned(i % 4) * 10;
+                    const unsigned bit = unsigned((w - first) % 4) * 10;
                     const uint32_t v = uint32_t(0x100 | p[j]) << (bit % 8);
-                    uint8_t* g = out + i / 4 * 5 + bit / 8;
+                    uint8_t* g = out + (w - first) / 4 * 5 + bit / 8;
                     g[0] |= uint8_t(v);
                     g[1] |= uint8_t(v >> 8);
                 }
@@ -200,10 +173,12 @@ struct cbr_line {
     }
 };
 
-inline kv_vboard_config config(const char* node) {
+inline kv_vboard_config config(const char* node, bool freerun = false, bool mplane = false) {
     kv_vboard_config c;
     kv_vboard_default_config(&c);
     snprintf(c.node, sizeof(c.node), "%s", node);
+    c.freerun = freerun;
+    c.mplane = mplane;
     return c;
 }
 

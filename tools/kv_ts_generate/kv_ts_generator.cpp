@@ -102,6 +102,18 @@ bool parse_decimal(const std::string& text, u128& digits, unsigned& frac, std::s
     return count > 0;
 }
 
+// Writes a table that renders whole sections through write() (header, body and CRC) into
+// `out`; its size in bytes, or 0 when it does not fit.
+template <class Table>
+size_t write_section(Table& table, uint8_t (&out)[kMaxSection]) {
+    KVSDK::KVBSWriter w(out, kMaxSection);
+    if (!table.write(w)) {
+        return 0;
+    }
+    w.flush();
+    return w.getWritedBytes();
+}
+
 u128 pow10(unsigned n) {
     u128 v = 1;
     while (n-- > 0) {
@@ -234,7 +246,12 @@ bool generator::init(const options& o, std::string& error) {
     return true;
 }
 
-void generator::add_section(uint16_t pid, uint8_t cc_slot, const uint8_t* section, size_t size) {
+bool generator::packetize_section(uint16_t pid, uint8_t cc_slot, const char* name,
+                                  const uint8_t* section, size_t size, std::string& error) {
+    if (size == 0) {
+        error = format("the %s section does not fit", name);
+        return false;
+    }
     size_t done = 0;
     bool first = true;
     while (done < size) {
@@ -252,6 +269,7 @@ void generator::add_section(uint16_t pid, uint8_t cc_slot, const uint8_t* sectio
         first = false;
         m_psi.push_back(p);
     }
+    return true;
 }
 
 bool generator::build_psi(std::string& error) {
@@ -272,13 +290,9 @@ bool generator::build_psi(std::string& error) {
     program.map_PID.program_map_PID = m_opt.pmt_pid;
     program.SetValid();
     pat.program_map[m_opt.pmt_pid] = program;
-    KVSDK::KVBSWriter patWriter(section, sizeof(section));
-    if (!pat.write(patWriter)) {
-        error = "the PAT section does not fit";
+    if (!packetize_section(kPatPid, kCcPat, "PAT", section, write_section(pat, section), error)) {
         return false;
     }
-    patWriter.flush();
-    add_section(kPatPid, kCcPat, section, patWriter.getWritedBytes());
 
     mpegcore::CPMT pmt;
     pmt.table_id = 0x02;
@@ -298,13 +312,10 @@ bool generator::build_psi(std::string& error) {
     stream->elementary_PID = m_opt.es_pid;
     stream->reserved2 = 0xF;
     pmt.stream_map[m_opt.es_pid] = stream;
-    KVSDK::KVBSWriter pmtWriter(section, sizeof(section));
-    if (!pmt.write(pmtWriter)) {
-        error = "the PMT section does not fit";
+    if (!packetize_section(m_opt.pmt_pid, kCcPmt, "PMT", section, write_section(pmt, section),
+                           error)) {
         return false;
     }
-    pmtWriter.flush();
-    add_section(m_opt.pmt_pid, kCcPmt, section, pmtWriter.getWritedBytes());
 
     if (m_opt.service_name.size() > 255 || m_opt.provider_name.size() > 255) {
         error = "service and provider names are limited to 255 bytes";
@@ -331,12 +342,8 @@ bool generator::build_psi(std::string& error) {
     name->service_name = m_opt.service_name;
     service->descriptors.descriptor.push_back(name);
     sdt.sds[service->service_id] = service;
-    if (!sdt.RenderTable()) {
-        error = "the SDT section does not fit";
-        return false;
-    }
-    add_section(kSdtPid, kCcSdt, sdt.GetBuffer(), sdt.GetSizeBuffer());
-    return true;
+    const size_t sdtSize = sdt.RenderTable() ? sdt.GetSizeBuffer() : 0;
+    return packetize_section(kSdtPid, kCcSdt, "SDT", sdt.GetBuffer(), sdtSize, error);
 }
 
 void generator::write_pcr(uint8_t* out) {
@@ -390,7 +397,9 @@ packet_kind generator::next(uint8_t* out) {
     }
 
     packet_kind kind;
-    if (m_nIndex % m_nPcrSpacing == 0) {
+    // The last packet carries a PCR too: a player paced by PCRs times a packet only up to
+    // the last PCR it has seen, so without it the packets behind that one would not leave.
+    if (m_nIndex % m_nPcrSpacing == 0 || m_nIndex + 1 == m_opt.packets) {
         write_pcr(out);
         kind = packet_kind::pcr;
     } else if (m_nPsiPending < m_psi.size()) {

@@ -7,7 +7,9 @@
 // positions, payload packets whose bytes are derived from their position in the stream,
 // and, when asked for, null packets. The line rate is exact: packet i leaves at
 // i * 1504 / rate seconds and its PCR is pcr_start + round(i * 1504 * 27e6 / rate), so a
-// line that carries the stream at its rate reproduces every PCR to the tick.
+// line that carries the stream at its rate reproduces every PCR to the tick. PCRs sit
+// every pcr_spacing() packets from packet 0 and in the last packet, so that a player paced
+// by PCRs can time the stream to its end.
 
 #include <cstddef>
 #include <cstdint>
@@ -79,7 +81,8 @@ public:
     uint64_t remaining() const { return m_opt.packets - m_nIndex; }
     const options& config() const { return m_opt; }
 
-    // Packets from one PCR packet to the next.
+    // Packets from one PCR packet to the next (the last packet, a PCR packet too, may
+    // follow its predecessor sooner).
     uint64_t pcr_spacing() const { return m_nPcrSpacing; }
     // Packets from the start of one PSI repetition to the next. Each repetition sends the
     // PAT, PMT and SDT packets in that order in the first slots from its start that are
@@ -94,7 +97,11 @@ private:
         uint8_t cc_slot;  // which continuity counter (PAT, PMT, SDT) the packet advances
     };
     bool build_psi(std::string& error);
-    void add_section(uint16_t pid, uint8_t cc_slot, const uint8_t* section, size_t size);
+    // Splits a section into packets of `pid` (pointer field 0, 0xFF stuffing) and appends
+    // them to the repetition. A size of 0 means the section did not fit: false with
+    // "the <name> section does not fit".
+    bool packetize_section(uint16_t pid, uint8_t cc_slot, const char* name, const uint8_t* section,
+                           size_t size, std::string& error);
     void write_pcr(uint8_t* out);
     void write_payload(uint8_t* out);
     void write_null(uint8_t* out);

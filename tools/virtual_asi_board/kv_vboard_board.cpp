@@ -9,12 +9,16 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "kv_vboard_real.h"
 
 namespace kvvb {
 
 namespace {
+
+// About 1 MiB of whole capture records.
+constexpr size_t kCaptureBufferSize = kRecordSize * ((size_t(1) << 20) / kRecordSize);
 
 struct call_name {
     const char* name;
@@ -704,7 +708,12 @@ bool board::open_capture() {
     if (!m_pCapture) {
         return false;
     }
-    setvbuf(m_pCapture, nullptr, _IOFBF, 1 << 20);
+    // A buffer of whole records, so that the file only ever grows by whole records; the
+    // C library would otherwise pick its own size (4 KiB) for a null buffer.
+    m_captureBuf.reset(new (std::nothrow) char[kCaptureBufferSize]);
+    if (m_captureBuf) {
+        setvbuf(m_pCapture, m_captureBuf.get(), _IOFBF, kCaptureBufferSize);
+    }
     m_decoder.set_output(m_pCapture);
     return true;
 }

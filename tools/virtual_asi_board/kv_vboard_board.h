@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -180,6 +181,8 @@ private:
     uint32_t m_nIdlePending = 0;
     line_decoder m_decoder;
     FILE* m_pCapture = nullptr;
+    // The capture's stdio buffer; outlives m_pCapture (closed in the destructor's body).
+    std::unique_ptr<char[]> m_captureBuf;
     bool m_bCaptureTried = false;
 
     kv_vboard_counters m_counters = {};

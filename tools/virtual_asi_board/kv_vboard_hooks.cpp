@@ -16,6 +16,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <type_traits>
 
 #include "kv_vboard_real.h"
 #include "kv_vboard_registry.h"
@@ -63,27 +64,36 @@ real_calls load() {
     return r;
 }
 
-bool needs_mode(int flags) {
-    return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+// The mode argument, present only when `flags` create a file.
+mode_t mode_arg(int flags, va_list ap) {
+    const bool needed = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+    return needed ? va_arg(ap, mode_t) : 0;
 }
 
-bool board_open(const char* path, int flags, int* pResult) {
-    try {
-        return hook_open(path, flags, pResult);
-    } catch (...) {
-        errno = ENOMEM;
-        *pResult = -1;
-        return true;
-    }
-}
+using real_open_fn = int (*)(const char*, int, ...);
 
+// Opens a node of the board, or passes the call on to `real_fn`: one of the C library's
+// open calls, with or without a directory descriptor (open and open64 pass AT_FDCWD).
 // Only paths that name a node as given are the board's; a path relative to another
 // directory descriptor never is.
-bool board_openat(int dirfd, const char* path, int flags, int* pResult) {
-    if (!path || (path[0] != '/' && dirfd != AT_FDCWD)) {
-        return false;
+template <typename Real>
+int intercept_open(int dirfd, const char* path, int flags, mode_t mode, Real real_fn) {
+    if (path && (path[0] == '/' || dirfd == AT_FDCWD)) {
+        int result = -1;
+        try {
+            if (hook_open(path, flags, &result)) {
+                return result;
+            }
+        } catch (...) {
+            errno = ENOMEM;
+            return -1;
+        }
     }
-    return board_open(path, flags, pResult);
+    if constexpr (std::is_same_v<Real, real_open_fn>) {
+        return real_fn(path, flags, mode);
+    } else {
+        return real_fn(dirfd, path, flags, mode);
+    }
 }
 
 }  // namespace
@@ -100,96 +110,52 @@ using kvvb::real;
 extern "C" {
 
 int open(const char* path, int flags, ...) {
-    mode_t mode = 0;
-    if (kvvb::needs_mode(flags)) {
-        va_list ap;
-        va_start(ap, flags);
-        mode = va_arg(ap, mode_t);
-        va_end(ap);
-    }
-    int result = -1;
-    if (kvvb::board_open(path, flags, &result)) {
-        return result;
-    }
-    return real().open(path, flags, mode);
+    va_list ap;
+    va_start(ap, flags);
+    const mode_t mode = kvvb::mode_arg(flags, ap);
+    va_end(ap);
+    return kvvb::intercept_open(AT_FDCWD, path, flags, mode, real().open);
 }
 
 int open64(const char* path, int flags, ...) {
-    mode_t mode = 0;
-    if (kvvb::needs_mode(flags)) {
-        va_list ap;
-        va_start(ap, flags);
-        mode = va_arg(ap, mode_t);
-        va_end(ap);
-    }
-    int result = -1;
-    if (kvvb::board_open(path, flags, &result)) {
-        return result;
-    }
-    return real().open64(path, flags, mode);
+    va_list ap;
+    va_start(ap, flags);
+    const mode_t mode = kvvb::mode_arg(flags, ap);
+    va_end(ap);
+    return kvvb::intercept_open(AT_FDCWD, path, flags, mode, real().open64);
 }
 
 int openat(int dirfd, const char* path, int flags, ...) {
-    mode_t mode = 0;
-    if (kvvb::needs_mode(flags)) {
-        va_list ap;
-        va_start(ap, flags);
-        mode = va_arg(ap, mode_t);
-        va_end(ap);
-    }
-    int result = -1;
-    if (kvvb::board_openat(dirfd, path, flags, &result)) {
-        return result;
-    }
-    return real().openat(dirfd, path, flags, mode);
+    va_list ap;
+    va_start(ap, flags);
+    const mode_t mode = kvvb::mode_arg(flags, ap);
+    va_end(ap);
+    return kvvb::intercept_open(dirfd, path, flags, mode, real().openat);
 }
 
 int openat64(int dirfd, const char* path, int flags, ...) {
-    mode_t mode = 0;
-    if (kvvb::needs_mode(flags)) {
-        va_list ap;
-        va_start(ap, flags);
-        mode = va_arg(ap, mode_t);
-        va_end(ap);
-    }
-    int result = -1;
-    if (kvvb::board_openat(dirfd, path, flags, &result)) {
-        return result;
-    }
-    return real().openat64(dirfd, path, flags, mode);
+    va_list ap;
+    va_start(ap, flags);
+    const mode_t mode = kvvb::mode_arg(flags, ap);
+    va_end(ap);
+    return kvvb::intercept_open(dirfd, path, flags, mode, real().openat64);
 }
 
 // The checking variants that programs built with source fortification call.
 int __open_2(const char* path, int flags) {
-    int result = -1;
-    if (kvvb::board_open(path, flags, &result)) {
-        return result;
-    }
-    return real().open(path, flags, 0);
+    return kvvb::intercept_open(AT_FDCWD, path, flags, 0, real().open);
 }
 
 int __open64_2(const char* path, int flags) {
-    int result = -1;
-    if (kvvb::board_open(path, flags, &result)) {
-        return result;
-    }
-    return real().open64(path, flags, 0);
+    return kvvb::intercept_open(AT_FDCWD, path, flags, 0, real().open64);
 }
 
 int __openat_2(int dirfd, const char* path, int flags) {
-    int result = -1;
-    if (kvvb::board_openat(dirfd, path, flags, &result)) {
-        return result;
-    }
-    return real().openat(dirfd, path, flags, 0);
+    return kvvb::intercept_open(dirfd, path, flags, 0, real().openat);
 }
 
 int __openat64_2(int dirfd, const char* path, int flags) {
-    int result = -1;
-    if (kvvb::board_openat(dirfd, path, flags, &result)) {
-        return result;
-    }
-    return real().openat64(dirfd, path, flags, 0);
+    return kvvb::intercept_open(dirfd, path, flags, 0, real().openat64);
 }
 
 int close(int fd) {

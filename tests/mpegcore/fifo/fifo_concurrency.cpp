@@ -34,7 +34,8 @@ ts_test::Bytes load_stream() {
 }
 
 // Pushes the stream in random chunk sizes, holding back while more than half a second
-// of it waits, so that the 1000 items are recycled many times over.
+// of it waits, so that the 2000 items are recycled many times over. (A capture with
+// PCRs 0.37 s apart keeps up to 0.37 s waiting for its next PCR on top of that.)
 void push_stream(kv_mpegts_fifo& fifo, const ts_test::Bytes& ts, unsigned seed,
                  const std::atomic<bool>& stop) {
     std::mt19937 rng(seed);
@@ -63,7 +64,7 @@ TEST(FifoConcurrency, ProducerAndConsumerWithResets) {
     ASSERT_LT(first, last);
 
     kv_mpegts_fifo fifo;
-    ASSERT_TRUE(fifo.create(1000 * kPkt, kPkt, nullptr, pcr_time_type, false));
+    ASSERT_TRUE(fifo.create(2000 * kPkt, kPkt, nullptr, pcr_time_type, false));
     constexpr int kQuietRounds = 3;
     std::atomic<int> pushed{0}, resets{0};
     std::atomic<bool> stop{false};

@@ -21,8 +21,6 @@ TEST(TextHelpers, NumberPaddingIsNeverTruncating) {
 
 TEST(TextHelpers, DurationFields) {
     const std::string full = "hhh:mm:ss.ccc";
-    EXPECT_EQ(toString(full, nanoseconds(0)), "000:00:00.000");
-    EXPECT_EQ(toString(full, hours(1000)), "1000:00:00.000");
     // Each field takes only its own share of the duration.
     EXPECT_EQ(toString(full, hours(2) + minutes(59) + seconds(59) + milliseconds(999) +
                                  microseconds(999)),
@@ -41,7 +39,6 @@ TEST(TextHelpers, DurationFields) {
 TEST(TextHelpers, TimeStamp) {
     // 2024-03-05 14:07:09 UTC
     const time_t t = 1709647629;
-    EXPECT_EQ(toString("dd.MM.yyyy hh:mm:ss", t, true), "05.03.2024 14:07:09");
     EXPECT_EQ(toString("dd dd hhh hh", t, true), "05 dd 014 hh");
     EXPECT_EQ(toString("yyyy-MM-dd", time_t(0), true), "1970-01-01");
 

@@ -1,13 +1,14 @@
+// The transport packet header and adaptation field: every field at its bit position under
+// every flag combination, and lengths that would run past the packet.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "kvcore/kv_bitstream.h"
 #include "mpegcore/BaseMpegParser.h"
-#include "ts_test_util.h"
 
 using namespace mpegcore;
-using namespace ts_test;
 
 namespace {
 
@@ -151,41 +152,4 @@ TEST(TransportPacket, AdaptationFieldLengthsAreBounded) {
     ASSERT_TRUE(CBaseMpegParser::ParserAdaptationField(p));
     EXPECT_EQ(p.af.PCR_flag, 1);
     EXPECT_EQ(p.af.program_clock_reference_base, 0u);
-}
-
-// The PCRs of a real capture agree with a decoding by hand and rise steadily.
-TEST(TransportPacket, CorpusPcrsParseInOrder) {
-    const Bytes ts = load_capture("test-072.ts");
-    if (ts.empty()) {
-        GTEST_SKIP() << "no capture test-072.ts in " << KV_CORPUS_DIR;
-    }
-    int pcrs = 0;
-    int64_t last = -1;
-    for (size_t off = 0; off + TS_PACKET_SIZE <= ts.size(); off += TS_PACKET_SIZE) {
-        const uint8_t* b = &ts[off];
-        transport_packet p;
-        p.decode_header(b);
-        ASSERT_EQ(p.sync_byte, TS_SYNC_BYTE);
-        if (!p.has_adaptation_field()) {
-            continue;
-        }
-        ASSERT_TRUE(CBaseMpegParser::ParserAdaptationField(p)) << off;
-        if (p.af.adaptation_field_length == 0 || !p.af.PCR_flag) {
-            continue;
-        }
-        const uint64_t base = uint64_t(b[6]) << 25 | uint64_t(b[7]) << 17 | uint64_t(b[8]) << 9 |
-                              uint64_t(b[9]) << 1 | b[10] >> 7;
-        ASSERT_EQ(p.PID, 101);
-        ASSERT_EQ(p.af.program_clock_reference_base, base);
-        ASSERT_EQ(p.af.program_clock_reference_extension, (b[10] & 1) << 8 | b[11]);
-        ASSERT_LT(p.af.program_clock_reference_extension, 300);
-        // Neighbouring PCRs rise by less than a tenth of a second.
-        if (last >= 0) {
-            EXPECT_GT(p.af.pcr(), last);
-            EXPECT_LT(p.af.pcr() - last, 2700000);
-        }
-        last = p.af.pcr();
-        ++pcrs;
-    }
-    EXPECT_EQ(pcrs, 300);
 }

@@ -325,14 +325,13 @@ TEST(BaseParser, EveryPidReachesItsTableOrHook) {
     EXPECT_EQ(r.trace, expected);
 
     // Each table id went to its own wrapper.
-    EXPECT_EQ(r.m_NIT_Other.GetLast()->table_id, 0x41);
-    EXPECT_EQ(r.m_SDT_Actual.GetLast()->table_id, 0x42);
-    EXPECT_EQ(r.m_SDT_Other.GetLast()->table_id, 0x46);
-    EXPECT_EQ(r.m_BAT.GetLast()->table_id, 0x4A);
-    EXPECT_EQ(r.m_EIT_Actual.GetLast()->table_id, 0x4E);
-    EXPECT_EQ(r.m_EIT_Other.GetLast()->table_id, 0x4F);
-    EXPECT_EQ(r.m_EIT_Actual_Shedule.GetLast()->table_id, 0x5F);
-    EXPECT_EQ(r.m_EIT_Other_Shedule.GetLast()->table_id, 0x6F);
+    EXPECT_EQ(
+        (std::vector<int>{r.m_NIT_Other.GetLast()->table_id, r.m_SDT_Actual.GetLast()->table_id,
+                          r.m_SDT_Other.GetLast()->table_id, r.m_BAT.GetLast()->table_id,
+                          r.m_EIT_Actual.GetLast()->table_id, r.m_EIT_Other.GetLast()->table_id,
+                          r.m_EIT_Actual_Shedule.GetLast()->table_id,
+                          r.m_EIT_Other_Shedule.GetLast()->table_id}),
+        (std::vector<int>{0x41, 0x42, 0x46, 0x4A, 0x4E, 0x4F, 0x5F, 0x6F}));
     // The PCR on the PCR PID reached the elementary streams' rate meters, in 100 ns.
     EXPECT_EQ(r.getPIDState(0x101).lastPCR, (0x1FFFFFFFFll * 300 + 299) * 10 / 27);
     EXPECT_EQ(r.getPIDState(0x102).lastPCR, (0x1FFFFFFFFll * 300 + 299) * 10 / 27);

@@ -4,9 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <vector>
+#include <string>
 
-#include "kvcore/kv_bitstream.h"
 #include "mpegcore/PAT.h"
 #include "mpegcore/PMT.h"
 #include "ts_test_util.h"
@@ -26,36 +25,13 @@ Bytes write(Table& table) {
     return out;
 }
 
-// PAT body: transport_stream_id 3000, version 2, then (program, PID) entries.
-Bytes pat_body(std::initializer_list<std::pair<uint16_t, uint16_t>> programs) {
-    Bytes body{0x0B, 0xB8, 0xC5, 0x00, 0x00};
-    for (const auto& p : programs) {
-        body = cat({body,
-                    {uint8_t(p.first >> 8), uint8_t(p.first), uint8_t(0xE0 | p.second >> 8),
-                     uint8_t(p.second)}});
-    }
-    return body;
+// PMT of program 0x0102, version 5, PCR PID 0x0100; `loops` starts at program_info_length.
+Bytes pmt(const std::string& loops, uint8_t table_id = 0x02, uint8_t flags = 0xB0) {
+    return section(table_id, flags, hex("01 02 CB 00 00 E1 00 " + loops));
 }
-
-Bytes loop_length(size_t n) {
-    return {uint8_t(0xF0 | n >> 8), uint8_t(n)};
-}
-
-// PMT body: program 0x0102, version 5, PCR PID 0x0100.
-Bytes pmt_body(const Bytes& program_info, const Bytes& streams) {
-    return cat({{0x01, 0x02, 0xCB, 0x00, 0x00, 0xE1, 0x00},
-                loop_length(program_info.size()),
-                program_info,
-                streams});
-}
-
-Bytes stream(uint8_t type, uint16_t pid, const Bytes& es_info) {
-    return cat(
-        {{type, uint8_t(0xE0 | pid >> 8), uint8_t(pid)}, loop_length(es_info.size()), es_info});
-}
-
-const Bytes kCa = {0x09, 0x04, 0x0B, 0x00, 0xFF, 0xF0};  // system 0x0B00, PID 0x1FF0
-const Bytes kLanguage = {0x0A, 0x04, 'e', 'n', 'g', 0x00};
+const std::string kCa = "09 04 0B 00 FF F0 ";  // system 0x0B00, PID 0x1FF0
+const std::string kLongCa = "09 09 0B 00 FF F0 ";
+const std::string kLanguage = "0A 04 " + txt("eng") + "00 ";
 
 }  // namespace
 
@@ -77,32 +53,32 @@ TEST(PAT, WrittenAndReadBackKeyedByPid) {
     EXPECT_TRUE(back.find(0x10)->isNetwork());
 
     // No check of the table id; of two programs on one PID the later one stays.
-    ASSERT_TRUE(read(back, section(0x55, 0xB0, pat_body({{5, 0x1FFF}, {6, 0x1FFF}, {7, 0x20}}))));
+    ASSERT_TRUE(read(back, section(0x55, 0xB0,
+                                   hex("0B B8 C5 00 00 00 05 FF FF 00 06 FF FF "
+                                       "00 07 E0 20"))));
     EXPECT_EQ(back.transport_stream_id, 3000);
     ASSERT_EQ(back.program_map.size(), 2u);
     EXPECT_EQ(back.find(0x1FFF)->program_number, 6);
 }
 
 TEST(PMT, WrittenAndReadBack) {
-    CPMT pmt;
-    pmt.table_id = 0x02;
-    pmt.program_number = 0x0203;
-    pmt.version_number = 17;
-    pmt.PCR_PID = 0x1ABC;
+    CPMT pmt_table;
+    pmt_table.table_id = 0x02;
+    pmt_table.program_number = 0x0203;
+    pmt_table.version_number = 17;
+    pmt_table.PCR_PID = 0x1ABC;
     for (uint16_t pid : {0x1FFE, 0x0044, 0x0100}) {
-        auto& s = pmt.stream_map[pid] = std::make_shared<CBaseStreamTypeMap>();
+        auto& s = pmt_table.stream_map[pid] = std::make_shared<CBaseStreamTypeMap>();
         s->stream_type = uint8_t(pid);
         s->elementary_PID = pid;
     }
     CPMT back;
-    ASSERT_TRUE(read(back, write(pmt)));
+    ASSERT_TRUE(read(back, write(pmt_table)));
     EXPECT_EQ(back.section_length, 13 + 3 * 5);
-    EXPECT_TRUE(back == pmt);
+    EXPECT_TRUE(back == pmt_table);
 
     // Descriptors are read by the list and count into both info lengths when written.
-    const Bytes raw = section(
-        0x02, 0xB0,
-        pmt_body(kCa, cat({stream(0x02, 0x101, {}), stream(0x04, 0x102, cat({kLanguage, kCa}))})));
+    const Bytes raw = pmt("F0 06 " + kCa + "02 E1 01 F0 00 04 E1 02 F0 0C " + kLanguage + kCa);
     ASSERT_TRUE(read(back, raw));
     EXPECT_EQ(back.descriptors.descriptor.size(), 1u);
     EXPECT_EQ(back.find(0x102)->descriptors.descriptor.size(), 2u);
@@ -111,35 +87,28 @@ TEST(PMT, WrittenAndReadBack) {
 }
 
 TEST(PMT, StreamLoopBounds) {
-    CPMT pmt;
-    ASSERT_TRUE(read(pmt, section(0x02, 0xB0, pmt_body({}, {}))));
-    EXPECT_TRUE(pmt.stream_map.empty());
+    CPMT t;
+    ASSERT_TRUE(read(t, pmt("F0 00")));
+    EXPECT_TRUE(t.stream_map.empty());
     // Two streams on one PID: the second stays.
-    ASSERT_TRUE(
-        read(pmt, section(0x02, 0xB0,
-                          pmt_body({}, cat({stream(0x02, 0x101, {}), stream(0x0F, 0x101, {})})))));
-    ASSERT_EQ(pmt.stream_map.size(), 1u);
-    EXPECT_EQ(pmt.find(0x101)->stream_type, 0x0F);
+    ASSERT_TRUE(read(t, pmt("F0 00 02 E1 01 F0 00 0F E1 01 F0 00")));
+    ASSERT_EQ(t.stream_map.size(), 1u);
+    EXPECT_EQ(t.find(0x101)->stream_type, 0x0F);
     // Fewer than 5 spare bytes after an entry end the loop.
-    ASSERT_TRUE(
-        read(pmt, section(0x02, 0xB0, pmt_body({}, cat({stream(2, 0x101, {}), Bytes(4, 1)})))));
-    EXPECT_EQ(pmt.stream_map.size(), 1u);
+    ASSERT_TRUE(read(t, pmt("F0 00 02 E1 01 F0 00 01 01 01 01")));
+    EXPECT_EQ(t.stream_map.size(), 1u);
 
     // Right CRC, wrong table id or zero bit.
-    const Bytes good = pmt_body(kCa, stream(0x02, 0x101, kLanguage));
-    ASSERT_TRUE(read(pmt, section(0x02, 0xB0, good)));
-    EXPECT_FALSE(read(pmt, section(0x03, 0xB0, good)));
-    EXPECT_FALSE(read(pmt, section(0x02, 0xF0, good)));
-    // Loops longer than the data, or a descriptor longer than its loop.
-    Bytes body = good;
-    body[8] = 0xFF;  // program_info_length 255
-    EXPECT_FALSE(read(pmt, section(0x02, 0xB0, body)));
-    body = pmt_body({}, stream(0x02, 0x101, kLanguage));
-    body[13] = 0x30;  // ES_info_length 48
-    EXPECT_FALSE(read(pmt, section(0x02, 0xB0, body)));
-    Bytes long_ca = kCa;
-    long_ca[1] = 0x09;
-    EXPECT_FALSE(read(pmt, section(0x02, 0xB0, pmt_body(long_ca, {}))));
-    EXPECT_FALSE(read(pmt, section(0x02, 0xB0, pmt_body({}, stream(0x02, 0x101, long_ca)))));
-    expect_prefixes_refused<CPMT>(section(0x02, 0xB0, good));
+    const std::string good = "F0 06 " + kCa + "02 E1 01 F0 06 " + kLanguage;
+    ASSERT_TRUE(read(t, pmt(good)));
+    EXPECT_FALSE(read(t, pmt(good, 0x03)));
+    EXPECT_FALSE(read(t, pmt(good, 0x02, 0xF0)));
+    // Loops longer than the data (program_info_length 255, ES_info_length 48), or a
+    // descriptor longer than its loop.
+    for (const std::string& bad :
+         {"F0 FF " + kCa + "02 E1 01 F0 06 " + kLanguage, "F0 00 02 E1 01 F0 30 " + kLanguage,
+          "F0 06 " + kLongCa, "F0 00 02 E1 01 F0 06 " + kLongCa}) {
+        EXPECT_FALSE(read(t, pmt(bad))) << bad;
+    }
+    expect_prefixes_refused<CPMT>(pmt(good));
 }

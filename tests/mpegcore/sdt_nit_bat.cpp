@@ -1,10 +1,9 @@
-// SDT, NIT and BAT sections: refusal of broken sections, loop bounds, the storage rules of
-// each table and copyTo. Real sections are checked against libdvbpsi in oracle/.
+// SDT, NIT and BAT sections: refusal of broken sections, loop bounds and the storage rules
+// of each table.
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <iterator>
 #include <vector>
 
 #include "mpegcore/BAT.h"
@@ -36,7 +35,6 @@ TEST(SdtSection, KeysByServiceIdAndRefusesBrokenSections) {
     const Bytes again{0x01, 0x02, 0xFD, 0x60, 0x00};
     CSDT sdt;
     ASSERT_TRUE(read(sdt, section(0x42, cat({kSdtHeader, first, low, again}))));
-    EXPECT_EQ(sdt.version_number, 21);
     ASSERT_EQ(sdt.sds.size(), 2u);
     const CServiceDescriptionSection& s = *sdt.sds.at(0x0102);
     EXPECT_EQ((std::vector<uint64_t>{s.reserved_future_use, s.EIT_schedule_flag,
@@ -120,17 +118,6 @@ TEST(NitSection, KeepsStreamOrderAndDuplicatesAndLoopBounds) {
     // yields zeros, and nothing outside the buffer is touched.
     EXPECT_TRUE(read(nit, section(0x40, {0x30, 0x01, 0xC1, 0, 0, 0xF0, 0x00, 0xFF, 0xFF})));
     EXPECT_EQ(nit.transport_stream.size(), 4095u / 6);
-
-    // copyTo appends the streams and recounts their lengths.
-    CNIT source, target;
-    ASSERT_TRUE(read(source, kNit));
-    ASSERT_TRUE(read(target, kNit));
-    source.transport_stream.front()->network_descriptors_length = 0;
-    source.copyTo(&target);
-    ASSERT_EQ(target.transport_stream.size(), 6u);
-    EXPECT_EQ((*std::next(target.transport_stream.begin(), 3))->network_descriptors_length, 5);
-    EXPECT_EQ(target.transport_stream_loop_length, kNitStreams.size());
-    EXPECT_EQ(target.section_length, source.section_length);
 }
 
 namespace {
@@ -165,15 +152,6 @@ TEST(BatSection, TransportDescriptorsGoIntoTheTableList) {
                                               {0xF0, 12, 0x00, 0x10, 0x00, 0x20, 0xF0, 0x05},
                                               {0x00, 0x11, 0x00, 0x20, 0xF0, 0x00}}));
     EXPECT_EQ(render(bat), expected);
-
-    // copyTo appends the streams, their header bytes counted into their lengths.
-    CBAT target;
-    ASSERT_TRUE(read(target, kBat));
-    bat.copyTo(&target);
-    ASSERT_EQ(target.BouquetAssociationStreamList.size(), 4u);
-    EXPECT_EQ(target.BouquetAssociationStreamList.back()->transport_descriptors_length, 6);
-    EXPECT_EQ(target.transport_stream_loop_length, 12);
-    EXPECT_EQ(target.section_length, bat.section_length);
 
     // A loop of 5 bytes holds no stream; a stream descriptor running past the data fails.
     ASSERT_TRUE(

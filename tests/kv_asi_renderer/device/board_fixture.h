@@ -7,7 +7,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <ostream>
 #include <string>
 
 #include "kv_asi_renderer/kv_v4l2_asi_output_device.h"
@@ -66,11 +65,6 @@ struct BoardMode {
     bool mplane;
     bool freerun;
 };
-
-inline void PrintTo(const BoardMode& m, std::ostream* os) {
-    *os << (m.mplane ? "multi-planar" : "single-plane")
-        << (m.freerun ? ", free-running" : ", paced");
-}
 
 inline std::string mode_name(const testing::TestParamInfo<BoardMode>& info) {
     return std::string(info.param.mplane ? "Mplane" : "Splane") +

@@ -20,13 +20,9 @@ using timed = std::pair<int64_t, uint32_t>;  // due time, tag of the item's last
 
 // Appends a packet of `pid` tagged in its last four bytes, with a PCR (27 MHz) if pcr >= 0.
 void add_packet(ts_test::Bytes& ts, uint16_t pid, uint32_t tag, int64_t pcr = -1) {
-    const uint64_t b = uint64_t(pcr) / 300, x = uint64_t(pcr) % 300;
     ts_test::Bytes p = ts_test::packet(
         pid, uint8_t(tag), false, {},
-        pcr < 0
-            ? ts_test::Bytes{}
-            : ts_test::Bytes{7, 0x10, uint8_t(b >> 25), uint8_t(b >> 17), uint8_t(b >> 9),
-                             uint8_t(b >> 1), uint8_t((b & 1) << 7 | 0x7E | x >> 8), uint8_t(x)});
+        pcr < 0 ? ts_test::Bytes{} : ts_test::pcr_field(uint64_t(pcr) / 300, unsigned(pcr % 300)));
     std::memcpy(&p[kPkt - 4], &tag, 4);
     ts.insert(ts.end(), p.begin(), p.end());
 }
@@ -34,11 +30,6 @@ void add_packet(ts_test::Bytes& ts, uint16_t pid, uint32_t tag, int64_t pcr = -1
 int64_t units(int64_t pcr) {
     return pcr * 10 / 27;
 }
-
-struct fixed_clock final : kv_clock {
-    int64_t now = 0;
-    int64_t get_clock_time() override { return now; }
-};
 
 // Everything due up to tTo, handed back at once. The window start lies after every item
 // on purpose: it must not hold late items back.
@@ -142,7 +133,7 @@ TEST(FifoPcr, CaptureMatchesIndependentTimes) {
     }
 }
 
-TEST(FifoPcr, GapRuleOnCorrectedTimes) {
+TEST(FifoPcr, GapRule) {
     // 2 s less one unit passes; exactly 2 s and any step back (taken as a wrap) fail.
     const int64_t p0 = 2700000000;
     for (const int64_t next : {p0 + 53999998, p0 + 54000000, p0 - 27}) {
@@ -158,19 +149,6 @@ TEST(FifoPcr, GapRuleOnCorrectedTimes) {
         EXPECT_FALSE(fifo.is_underflow() || fifo.is_overflow());
         EXPECT_EQ(fifo.get_error(), ok ? "" : "Large gap in flow time");
         EXPECT_EQ(pull(fifo, kEnd).size(), ok ? 1u : 0u);
-    }
-    // A device clock leaping between PCRs 40 ms apart drives the PLL's correction past 2 s.
-    ts_test::Bytes ts;
-    for (uint32_t i = 0; i < 3; ++i) {
-        add_packet(ts, 0x100, i, p0 + i * 1080000);
-    }
-    auto clock = std::make_shared<fixed_clock>();
-    kv_mpegts_fifo fifo;
-    ASSERT_TRUE(fifo.create(10 * kPkt, kPkt, clock, pcr_time_type, true));
-    for (int i = 0; i < 3; ++i) {
-        clock->now = i < 2 ? i * 400000 : 4000000000000000;
-        fifo.push_data(0, &ts[i * kPkt], kPkt);
-        EXPECT_EQ(fifo.is_reset(), i == 2);
     }
 }
 

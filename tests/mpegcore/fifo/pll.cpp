@@ -1,4 +1,3 @@
-#include "mpegcore/fifo/kv_butterworth.h"
 #include "mpegcore/fifo/kv_pll.h"
 
 #include <gtest/gtest.h>
@@ -9,19 +8,6 @@
 using namespace mpegcore;
 
 namespace {
-
-TEST(Butterworth, UnitStepReachesOneTimeConstant) {
-    // 1 - 1/e after one time constant, 1 / (2 pi 0.00002) samples; settles at exactly 1.
-    kv_butterworth filter(0);
-    filter.Reset(0);
-    long double y = 0;
-    for (int i = 0; i < 7958; ++i) {
-        y = filter.DigFil(1);
-    }
-    EXPECT_NEAR(double(y), 1 - std::exp(-1.0), 1e-3);
-    filter.Reset(-3);
-    EXPECT_NEAR(double(filter.DigFil(-3)), -3.0, 1e-12);
-}
 
 TEST(Pll, FirstStampUpdateWindowAndTruncation) {
     kv_pll pll;

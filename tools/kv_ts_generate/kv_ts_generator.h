@@ -9,7 +9,7 @@
 // i * 1504 / rate seconds and its PCR is pcr_start + round(i * 1504 * 27e6 / rate), so a
 // line that carries the stream at its rate reproduces every PCR to the tick. PCRs sit
 // every pcr_spacing() packets from packet 0 and in the last packet, so that a player paced
-// by PCRs can time the stream to its end.
+// by PCRs can time the stream up to that last packet.
 
 #include <cstddef>
 #include <cstdint>

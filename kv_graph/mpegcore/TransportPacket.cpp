@@ -1,5 +1,9 @@
 #include "mpegcore/TransportPacket.h"
 
+#include <cstddef>
+#include <cstring>
+#include <type_traits>
+
 #include "kvcore/kv_bitstream.h"
 
 namespace mpegcore {
@@ -12,6 +16,17 @@ T bits(KVSDK::KVBSReader& r, size_t n) {
 }
 
 }  // namespace
+
+void adaptation_field::clear() {
+    static_assert(std::is_standard_layout<adaptation_field>::value &&
+                      std::is_trivially_copyable<adaptation_field>::value,
+                  "cleared bytewise");
+    auto* bytes = reinterpret_cast<unsigned char*>(this);
+    const size_t begin = offsetof(adaptation_field, private_data_byte);
+    const size_t end = begin + sizeof(private_data_byte);
+    std::memset(bytes, 0, begin);
+    std::memset(bytes + end, 0, sizeof(*this) - end);
+}
 
 bool adaptation_field::read(const uint8_t* data, size_t size, adaptation_field& out) {
     KVSDK::KVBSReader r(data, size);
@@ -99,7 +114,7 @@ void transport_packet::decode_header(const uint8_t* packet) {
     transport_scrambling_control = (b3 >> 6) & 3;
     adaptation_field_control = (b3 >> 4) & 3;
     continuity_counter = b3 & 0x0F;
-    af = adaptation_field();
+    af.clear();
     pStartDataPkt = packet;
     lSizePkt = static_cast<int64_t>(TS_PACKET_SIZE);
     pCurrDataPkt = packet + 4;

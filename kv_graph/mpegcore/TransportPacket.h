@@ -68,6 +68,10 @@ struct adaptation_field {
                original_program_clock_reference_extension;
     }
 
+    // Zeroes every field but the private data bytes, which count only up to
+    // transport_private_data_length (zeroed too): cheaper than a fresh field per packet.
+    void clear();
+
     // Reads an adaptation field that starts at `data` (its length byte), reading no more
     // than `size` bytes; a field running past `size` reads as 0. The optional fields are
     // read as their flags announce, without checking them against the declared length.
@@ -87,7 +91,7 @@ struct transport_packet {
     uint8_t adaptation_field_control = 0;      // 2: 1 payload, 2 adaptation field, 3 both
     uint8_t continuity_counter = 0;            // 4
 
-    adaptation_field af;  // all zero when absent
+    adaptation_field af;  // all zero when absent (private data bytes past a 0 length aside)
 
     const uint8_t* pStartDataPkt = nullptr;  // first byte of the packet
     int64_t lSizePkt = 0;                    // 188

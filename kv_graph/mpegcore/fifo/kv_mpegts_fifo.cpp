@@ -55,6 +55,11 @@ bool kv_mpegts_fifo::create(size_t nCapacity, size_t nItemSize, std::shared_ptr<
     m_tStartFifo = 0;
     m_tStopFifo = 0;
     m_memory_manager.reset(nCapacity);
+    // Every item fits in each queue at once: moving items along never allocates.
+    const size_t nItems = nCapacity / nItemSize;
+    m_listItems.reserve(nItems);
+    m_listFreeItems.reserve(nItems);
+    m_listTmpItems.reserve(nItems);
     return true;
 }
 

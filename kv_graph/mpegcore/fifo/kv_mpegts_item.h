@@ -4,8 +4,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <deque>
 #include <memory>
+
+#include "kvcore/kv_ring_queue.h"
 
 namespace mpegcore {
 
@@ -47,6 +48,8 @@ struct kv_mpegts_item {
     size_t get_length() const { return m_nLength; }
 };
 
-using kv_mpegts_items = std::deque<std::unique_ptr<kv_mpegts_item>>;
+// Item queues: the FIFO reserves room for all its items in each of its own, so moving
+// items between them never allocates.
+using kv_mpegts_items = KVSDK::kv_ring_queue<std::unique_ptr<kv_mpegts_item>>;
 
 }  // namespace mpegcore

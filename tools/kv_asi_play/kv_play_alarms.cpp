@@ -50,4 +50,16 @@ size_t play_alarm_manager::size() const {
     return m_alarms.size();
 }
 
+uint32_t play_alarm_manager::count(const std::string& source, KVAlarmCode code) const {
+    std::lock_guard<std::mutex> lock(m_cs);
+    uint32_t n = 0;
+    for (const auto& item : m_alarms) {
+        const kv_alarm_data d = item.second.alarm->get_data();
+        if (d.source == source && d.code == code) {
+            n += d.count;
+        }
+    }
+    return n;
+}
+
 }  // namespace kv_asi_play

@@ -34,6 +34,8 @@ public:
     std::vector<alarm_change> poll();
 
     size_t size() const;
+    // Occurrences counted so far by the held alarms of this source and code.
+    uint32_t count(const std::string& source, KVAlarmCode code) const;
 
 private:
     struct entry {

@@ -24,6 +24,7 @@
 
 #include "kv_asi_renderer/kv_asi_renderer_statistics.h"
 #include "kv_asi_renderer/kv_i_alarm_manager.h"
+#include "kv_play_alarms.h"
 #include "kv_soak_loop.h"
 #include "kv_soak_report.h"
 #include "kv_vboard.h"
@@ -187,34 +188,6 @@ std::string node_name(const std::string& pattern, int i) {
     return s;
 }
 
-// Holds the alarms the elements register and sums their occurrence counts.
-class soak_alarm_manager : public kv_i_alarm_manager {
-public:
-    void register_alarm(std::shared_ptr<kv_i_alarm_event> alarm) override {
-        std::lock_guard<std::mutex> lock(m_cs);
-        m_alarms.push_back(std::move(alarm));
-    }
-    void unregister_alarm(std::shared_ptr<kv_i_alarm_event> alarm) override {
-        std::lock_guard<std::mutex> lock(m_cs);
-        m_alarms.erase(std::remove(m_alarms.begin(), m_alarms.end(), alarm), m_alarms.end());
-    }
-    uint32_t count(const std::string& source, KVAlarmCode code) const {
-        std::lock_guard<std::mutex> lock(m_cs);
-        uint32_t n = 0;
-        for (const auto& a : m_alarms) {
-            const kv_alarm_data d = a->get_data();
-            if (d.source == source && d.code == code) {
-                n += d.count;
-            }
-        }
-        return n;
-    }
-
-private:
-    mutable std::mutex m_cs;
-    std::vector<std::shared_ptr<kv_i_alarm_event>> m_alarms;
-};
-
 // The board's live counters when it is preloaded into this process.
 using get_counters_fn = int (*)(const char*, kv_vboard_counters*);
 
@@ -254,7 +227,8 @@ GstPadProbeReturn eos_probe(GstPad*, GstPadProbeInfo* info, gpointer user) {
     return GST_PAD_PROBE_OK;
 }
 
-bool build_lane(const options& o, const ts_loop& loop, soak_alarm_manager& alarms, lane& l) {
+bool build_lane(const options& o, const ts_loop& loop, kv_asi_play::play_alarm_manager& alarms,
+                lane& l) {
     std::string desc;
     if (o.bLoop) {
         desc =
@@ -409,7 +383,7 @@ int main(int argc, char** argv) {
     const auto board_counters =
         reinterpret_cast<get_counters_fn>(dlsym(RTLD_DEFAULT, "kv_vboard_get_counters"));
 
-    soak_alarm_manager alarms;
+    kv_asi_play::play_alarm_manager alarms;
     std::vector<std::unique_ptr<lane>> lanes;
     for (int i = 0; i < o.nElements; ++i) {
         auto l = std::make_unique<lane>();

@@ -19,13 +19,34 @@ GstFlowReturn gst_pad_asi_chain(GstPad* pad, GstObject* parent, GstBuffer* buffe
     return renderer->chain(pad, buffer);
 }
 
-gboolean gst_pad_asi_sink_event(GstPad* /*pad*/, GstObject* /*parent*/, GstEvent* event) {
-    // The event function owns the reference it is given.
-    gst_event_unref(event);
-    return TRUE;
+gboolean gst_pad_asi_sink_event(GstPad* /*pad*/, GstObject* parent, GstEvent* event) {
+    auto* renderer = static_cast<kv_asi_renderer*>(GST_KV_ASI_RENDERER(parent)->pRenderer);
+    return renderer->event(event);
 }
 
 gboolean gst_pad_asi_query(GstPad* /*pad*/, GstObject* /*parent*/, GstQuery* /*query*/) {
+    return TRUE;
+}
+
+gboolean kv_asi_renderer::event(GstEvent* event) {
+    switch (GST_EVENT_TYPE(event)) {
+        case GST_EVENT_EOS:
+            m_nEosSeqnum = gst_event_get_seqnum(event);
+            m_renderer.end_of_stream();
+            break;
+        case GST_EVENT_FLUSH_START:
+            m_renderer.flush_start();
+            break;
+        case GST_EVENT_FLUSH_STOP:
+            m_renderer.flush_stop();
+            break;
+        default:
+            // Caps, segments and the rest change nothing: the bytes are a transport
+            // stream whatever upstream says, and they are paced by their own clock.
+            break;
+    }
+    // The event function owns the reference it is given.
+    gst_event_unref(event);
     return TRUE;
 }
 

@@ -2,6 +2,7 @@
 
 #include <glib.h>
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 
@@ -49,7 +50,8 @@ bool kv_asi_process_renderer::init(const std::string& name, size_t nCapacity, in
                                    mpegcore::kv_fifo_time_control eTimeControl, bool bPLL,
                                    bool bResetWhenEmpty) {
     deinit();
-    m_nLatency = nLatencyMs * 10000;
+    m_nRequestedLatency = nLatencyMs * 10000;
+    m_nLatency = m_nRequestedLatency;
     m_filler.reset();
     m_strDeviceName = name;
 
@@ -58,12 +60,16 @@ bool kv_asi_process_renderer::init(const std::string& name, size_t nCapacity, in
         deinit();
         return false;
     }
+    // The device plays its queued buffers before the one being filled: no packet can
+    // reach the line sooner after its arrival than that.
+    m_nLatency = std::max(m_nRequestedLatency, get_read_ahead_ms() * 10000);
     // With PLL pacing the FIFO locks stream time to the board's clock; it shares the
     // device's ownership because it may read the clock from the streaming thread.
     std::shared_ptr<mpegcore::kv_clock> pClock;
     if (bPLL) {
         pClock = m_pDevice;
     }
+    m_fifo.set_pll_limit_ppm(m_dPllLimitPpm);
     if (!m_fifo.create(nCapacity, kPacketSize, pClock, eTimeControl, bResetWhenEmpty)) {
         g_print("kv_asi_renderer: Can't create fifo, %s\n", name.c_str());
         deinit();
@@ -77,18 +83,23 @@ void kv_asi_process_renderer::deinit() {
     if (m_pDevice->is_open()) {
         m_pDevice->close_device();
     }
+    m_bEos = false;
+}
+
+int64_t kv_asi_process_renderer::get_read_ahead_ms() const {
+    return static_cast<int64_t>(m_pDevice->get_buffer_count()) * (kFrameTime / 10000);
 }
 
 bool kv_asi_process_renderer::start() {
-    if (m_thread.joinable()) {
-        // The running thread owns the state cleared below.
-        std::terminate();
+    const bool bResume = m_thread.joinable();
+    if (!bResume) {
+        m_filler.reset();
+        m_bAnchored = false;
+        m_bEosPosted = false;
+        m_tLastDataEnd = 0;
+        m_tStartFifo = 0;
+        m_tStartTime = 0;
     }
-    m_filler.reset();
-    m_tStartFifo = 0;
-    m_tStartTime = 0;
-    m_statistics.reset();
-
     if (!m_pDevice->is_open()) {
         g_print("kv_asi_renderer: The device has not been opened\n");
         return false;
@@ -96,9 +107,18 @@ bool kv_asi_process_renderer::start() {
     // The alarms first: the thread's first pass may already raise one, for instance
     // for a FIFO that overflowed while the element was paused.
     m_alarmDispatcher.start();
+    m_bPaused = false;
+    if (bResume) {
+        return true;  // the output thread re-anchors
+    }
     m_fExit = std::make_shared<std::promise<void>>();
     m_thread = std::thread(&kv_asi_process_renderer::work_thread, this, m_fExit->get_future());
     return true;
+}
+
+void kv_asi_process_renderer::pause() {
+    m_alarmDispatcher.stop();
+    m_bPaused = true;
 }
 
 void kv_asi_process_renderer::stop() {
@@ -108,28 +128,47 @@ void kv_asi_process_renderer::stop() {
         m_thread.join();
         m_fExit.reset();
     }
-    // Cleared once the thread is gone, which owned it until now; the next start
-    // clears it again anyway.
+    // What the ring still holds is given up; the next start primes it afresh.
+    if (m_pDevice->is_open()) {
+        m_pDevice->stop();
+    }
+    m_bPaused = false;
+    m_bAnchored = false;
+    // Cleared once the thread is gone, which owned it until now.
     m_filler.clear_carry();
 }
 
 void kv_asi_process_renderer::reset() {
-    if (m_pDevice->is_open()) {
-        // A fresh device: counters and frame numbers from 0, streaming at once so that
-        // priming starts over.
-        m_pDevice->close_device();
-        m_pDevice->open_device(m_strDeviceName);
-        m_pDevice->start();
-    }
     m_fifo.reset();
     m_statistics.set_reset();
+    unanchor();
+}
+
+void kv_asi_process_renderer::unanchor() {
     m_filler.reset();
-    m_tStartFifo = 0;
-    m_tStartTime = 0;
+    m_bAnchored = false;
 }
 
 void kv_asi_process_renderer::push_data(int64_t tTime, const uint8_t* pData, size_t nSize) {
     m_fifo.push_data(tTime, pData, nSize);
+}
+
+void kv_asi_process_renderer::end_of_stream() {
+    m_fifo.end_of_stream();
+    m_bEos = true;
+}
+
+void kv_asi_process_renderer::flush_start() {
+    m_bFlushing = true;
+    m_nFlush.fetch_add(1);
+}
+
+void kv_asi_process_renderer::flush_stop() {
+    // The streaming thread is quiet between the two flush events; the output thread
+    // may be taking items, which the FIFO's locks allow.
+    m_fifo.reset();
+    m_bEos = false;
+    m_bFlushing = false;
 }
 
 uint64_t kv_asi_process_renderer::index_to_time(uint64_t tBegin, uint64_t tEnd, size_t nIndex) {
@@ -145,6 +184,17 @@ bool kv_asi_process_renderer::fill_asi_data(uint64_t tBegin, uint64_t tEnd, uint
         m_statistics.add_skip_ts_packets(items.size());
         return false;
     }
+    // Items come in time order: those due before the frame are late.
+    uint64_t nLate = 0;
+    for (const auto& item : items) {
+        if (static_cast<uint64_t>(item->time()) >= tBegin) {
+            break;
+        }
+        ++nLate;
+    }
+    if (nLate > 0) {
+        m_nLate.fetch_add(nLate, std::memory_order_relaxed);
+    }
     m_filler.fill_asi_data(tBegin, tEnd, pData, nSize, nSamples, items, m_nSkipped);
     const uint64_t nSkipped = m_nSkipped.exchange(0, std::memory_order_relaxed);
     if (nSkipped > 0) {
@@ -153,13 +203,56 @@ bool kv_asi_process_renderer::fill_asi_data(uint64_t tBegin, uint64_t tEnd, uint
     return true;
 }
 
+int64_t kv_asi_process_renderer::effective_latency() const {
+    const int64_t nNeeded = get_read_ahead_ms() * 10000 + m_fifo.get_anchor_interval() + kFrameTime;
+    return std::max(m_nLatency, nNeeded);
+}
+
+void kv_asi_process_renderer::anchor(uint64_t tBegin, uint32_t nAhead) {
+    // The frame starts on the line nAhead frames from now. Packets arriving now leave
+    // the latency later, so the frame carries what is due the latency minus that lead
+    // before the newest packet; never later than the oldest one, so nothing already
+    // stored turns late.
+    const int64_t nLead = effective_latency() - static_cast<int64_t>(nAhead) * kFrameTime;
+    const int64_t tFrame = std::min(m_fifo.get_front_time(), m_fifo.get_back_time() - nLead);
+    m_tStartFifo = tFrame - static_cast<int64_t>(tBegin);
+    m_tStartTime = m_pDevice->get_clock_time();
+    // The PLL's phase reference becomes the FIFO depth from here on.
+    m_fifo.relock_clock();
+    m_bAnchored = true;
+}
+
+bool kv_asi_process_renderer::check_fifo() {
+    if (m_fifo.take_time_base_notice()) {
+        // The FIFO carried the stream across the jump; the jump is reported all the same.
+        const std::string strError = m_fifo.get_error();
+        g_print("kv_asi_renderer: %s\n", strError.c_str());
+        m_statistics.set_last_error(strError);
+        m_statistics.set_reset();
+    }
+    if (!m_fifo.is_reset()) {
+        return true;
+    }
+    const std::string strError = m_fifo.get_error();
+    g_print("kv_asi_renderer: %s\n", strError.c_str());
+    m_statistics.set_last_error(strError);
+    if (m_fifo.is_underflow()) {
+        m_alarmDispatcher.fifo_underflow_event();
+    }
+    if (m_fifo.is_overflow()) {
+        m_alarmDispatcher.fifo_overflow_event();
+    }
+    reset();
+    return false;
+}
+
 void kv_asi_process_renderer::work_thread(std::future<void>&& fExit) {
     using steady = std::chrono::steady_clock;
     const steady::time_point t0 = steady::now();
     const std::chrono::nanoseconds tWarmUp = m_tWarmUp;
     bool bWarmUp = true;
-    bool bStarted = false;
     std::chrono::milliseconds wait{0};
+    uint32_t nFlushSeen = m_nFlush.load();
     mpegcore::kv_mpegts_items items;
     kv_data_provider& provider = *m_pDevice;
 
@@ -167,77 +260,94 @@ void kv_asi_process_renderer::work_thread(std::future<void>&& fExit) {
         if (fExit.wait_for(wait) == std::future_status::ready) {
             break;
         }
+        wait = std::chrono::milliseconds{0};
         if (bWarmUp) {
             bWarmUp = steady::now() - t0 <= tWarmUp;
         }
-
-        const int64_t nFullness = m_fifo.get_fullness();
-        m_statistics.set_fullnes_fifo_time(static_cast<uint64_t>(nFullness));
-        // Running dry: at most 1 % of the latency left. Checked on every pass, also
-        // while the FIFO is filling up again.
-        if (nFullness <= m_nLatency / 100 && !bWarmUp) {
-            m_alarmDispatcher.fifo_underflow_event();
+        // A flush drops the time line and the carry; the FIFO is emptied by flush_stop.
+        const uint32_t nFlush = m_nFlush.load();
+        if (nFlush != nFlushSeen || m_bFlushing) {
+            nFlushSeen = nFlush;
+            unanchor();
+            m_bEosPosted = false;
+            m_tLastDataEnd = 0;
+        }
+        const bool bEos = m_bEos;
+        // Paused: finish a packet cut at the end of the last frame, then go idle.
+        const bool bHold = m_bPaused || m_bFlushing;
+        if (bHold && m_bAnchored && m_filler.get_carry_size() == 0) {
+            unanchor();
         }
 
-        if (m_fifo.is_reset()) {
-            const std::string strError = m_fifo.get_error();
-            g_print("kv_asi_renderer: %s\n", strError.c_str());
-            m_statistics.set_last_error(strError);
-            if (m_fifo.is_underflow()) {
-                m_alarmDispatcher.fifo_underflow_event();
-            }
-            if (m_fifo.is_overflow()) {
-                m_alarmDispatcher.fifo_overflow_event();
-            }
-            reset();
-            bStarted = false;
+        const int64_t nFullness = m_fifo.get_fullness();
+        m_statistics.set_fullnes_fifo_time(static_cast<uint64_t>(std::max<int64_t>(nFullness, 0)));
+        // Running dry: at most 1 % of the latency left. Checked on every pass, also
+        // while the FIFO is filling up again, but not once the stream has ended.
+        if (nFullness <= m_nLatency / 100 && !bWarmUp && !bHold && !bEos) {
+            m_alarmDispatcher.fifo_underflow_event();
+        }
+        if (!check_fifo()) {
             wait = kPollInterval;
             continue;
         }
 
-        if (!bStarted) {
-            if (m_nLatency > nFullness) {
-                wait = kPollInterval;  // still filling
+        const bool bEnding = bEos && !m_bEosPosted;
+        if (!m_bAnchored && !m_pDevice->is_streaming()) {
+            // Nothing to play yet: a device that has not started streaming waits too.
+            if (bHold || (nFullness < effective_latency() && !bEnding)) {
+                wait = kPollInterval;
                 continue;
             }
-            m_tStartFifo = m_fifo.get_front_time();
-            m_tStartTime = m_pDevice->get_clock_time();
         }
 
         uint64_t tBegin = 0;
         uint64_t tEnd = 0;
         uint64_t nSize = 0;
         uint8_t* pData = nullptr;
-        const bool bMapped = provider.map(tBegin, tEnd, &pData, nSize);
-        bStarted = true;
-        if (!bMapped) {
+        if (!provider.map(tBegin, tEnd, &pData, nSize)) {
             g_print("kv_asi_renderer: m_pDevice->map() ERROR\n");
             wait = kPollInterval;
             continue;
         }
         m_statistics.set_skip_hw_frame(m_pDevice->get_skip_frame());
+        m_statistics.set_device_time(tEnd);
         unmap_guard guard(provider);
+        const uint32_t nAhead = m_pDevice->frames_ahead();
+
+        if (!m_bAnchored) {
+            const int64_t nLead =
+                effective_latency() - static_cast<int64_t>(nAhead) * kFrameTime;
+            if (bHold || (nFullness < nLead && !bEnding)) {
+                continue;  // the buffer goes out idle and keeps the line fed
+            }
+            anchor(tBegin, nAhead);
+        }
 
         // The frame on the FIFO's time line; unsigned so that a wrap is defined.
         const uint64_t tFrameBegin = static_cast<uint64_t>(m_tStartFifo) + tBegin;
         const uint64_t tFrameEnd = static_cast<uint64_t>(m_tStartFifo) + tEnd;
-        m_fifo.get_data(static_cast<int64_t>(tFrameBegin), static_cast<int64_t>(tFrameEnd), items);
-        m_statistics.set_device_time(tEnd);
+        if (!bHold) {
+            m_fifo.get_data(static_cast<int64_t>(tFrameBegin), static_cast<int64_t>(tFrameEnd),
+                            items);
+        }
         m_statistics.set_stream_time(static_cast<uint64_t>(m_fifo.get_back_time()));
 
-        if (items.empty()) {
-            // Nothing due: the buffer goes out idle (unmap zeroes what was not filled).
-            // A carried packet waits for the next frame with data.
-            guard.release();
-            wait = kPollInterval;
-            continue;
+        if (!items.empty() || m_filler.get_carry_size() > 0) {
+            if (fill_asi_data(tFrameBegin, tFrameEnd, pData, nSize, items)) {
+                m_pDevice->set_data_size(nSize);
+            }
+            m_fifo.revert(items);
+            m_tLastDataEnd = tEnd;
         }
-
-        if (fill_asi_data(tFrameBegin, tFrameEnd, pData, nSize, items)) {
-            m_pDevice->set_data_size(nSize);
+        // End of stream: once everything stored has been handed out and the frame that
+        // carried the last packet has left the device, the stream is on the line.
+        if (bEnding && m_fifo.is_ended() && m_filler.get_carry_size() == 0 &&
+            m_fifo.get_back_time() <= static_cast<int64_t>(tFrameEnd) &&
+            tBegin - uint64_t{nAhead} * kFrameTime >= m_tLastDataEnd) {
+            m_bEosPosted = true;
+            if (m_onEos) {
+                m_onEos();
+            }
         }
-        m_fifo.revert(items);
-        guard.release();
-        wait = std::chrono::milliseconds{0};
     }
 }

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <future>
 #include <memory>
 #include <string>
@@ -24,10 +25,25 @@
 // watches the FIFO's health, raises the underflow and overflow alarms and keeps the
 // statistics.
 //
-// Threads: init, deinit, start and stop come from the application thread, serialised,
-// and init/deinit only while stopped; push_data comes from the streaming thread (the
-// FIFO locks itself); the output thread runs work_thread, fill_asi_data and reset. The
-// carry state of the fill belongs to the output thread while it runs.
+// Latency is the time from a packet's arrival to the line. The device keeps a ring of
+// buffers queued ahead of the line (its read-ahead, six frames of 20 ms), so the anchor
+// places the output time line that far back, and a latency below the read-ahead cannot
+// be honoured: it is raised to the read-ahead (0 asks for the smallest latency that
+// plays every packet on time). Because an item's time is known only once the next PCR
+// (or buffer stamp) has arrived, the output waits for at least the read-ahead plus the
+// longest anchor interval seen plus one frame.
+//
+// The output thread runs from the first start() to stop(). While paused, flushing or
+// refilling after a FIFO reset it keeps the line fed with idle frames and the device
+// streaming; it re-anchors on what the FIFO holds when output may go on, so nothing
+// buffered is lost and the line is paced again from the first frame after. A device that
+// has not streamed yet is not started before there is something to play.
+//
+// Threads: init, deinit, start, pause, stop and the statistics reset come from the
+// application thread, serialised, and init/deinit only while stopped; push_data,
+// end_of_stream and the flush calls come from the streaming thread (the FIFO locks
+// itself); the output thread runs work_thread, fill_asi_data and reset. The carry state
+// of the fill and the anchor belong to the output thread while it runs.
 class kv_asi_process_renderer {
 public:
     // Output thread polls while the FIFO is filling, empty or failing, and after a
@@ -39,6 +55,9 @@ public:
 
     // The dispatcher must outlive the engine.
     explicit kv_asi_process_renderer(kv_alarms_dispatcher& alarmDispatcher);
+    // One frame of the device, in 100 ns units.
+    static constexpr int64_t kFrameTime = 200000;
+
     // Stops a running output thread and closes FIFO and device.
     ~kv_asi_process_renderer();
 
@@ -53,17 +72,44 @@ public:
     // Destroys the FIFO and closes the device.
     void deinit();
 
-    // Starts the output thread and the alarms. False, with a message, when the device
-    // is not open. Starting twice without stop in between is a programming error and
-    // ends the process.
+    // Starts the output thread and the alarms, or resumes output after pause(). False,
+    // with a message, when the device is not open.
     bool start();
-    // Stops the alarms and the output thread. The device keeps streaming and the FIFO
-    // keeps its content.
+    // Output stops taking packets: what the device has queued plays out, then the line
+    // goes idle; the FIFO keeps what it holds and goes on filling. The alarms stop. The
+    // next start() re-anchors on what the FIFO holds.
+    void pause();
+    // Stops the alarms and joins the output thread; the device stops streaming (its ring
+    // primes afresh at the next start). The FIFO keeps its content.
     void stop();
 
-    // The FIFO asked for a reset: reopens and restarts the device, resets the FIFO and
-    // the fill's carry state, counts the reset. Called by the output thread.
+    // The FIFO asked for a reset: resets the FIFO and the fill's carry state, counts the
+    // reset; output re-anchors once the latency has built up again while the line stays
+    // idle. Called by the output thread.
     void reset();
+
+    // End of stream, from the streaming thread: the packets after the last anchor are
+    // timed at the last interval's rate and played; once the last packet is on the line
+    // the end-of-stream callback runs (on the output thread), once.
+    void end_of_stream();
+    void set_eos_callback(std::function<void()> fn) { m_onEos = std::move(fn); }
+    // A flush: from flush_start() to flush_stop() output takes nothing; flush_stop()
+    // empties the FIFO and forgets the end of stream, and output re-anchors on what
+    // comes next.
+    void flush_start();
+    void flush_stop();
+    // Statistics back to zero (when a new stream begins, not at every resume).
+    void reset_statistics() { m_statistics.reset(); }
+
+    // Largest change of the PLL's correction, in ppm; takes effect at the next init.
+    void set_pll_limit_ppm(double ppm) { m_dPllLimitPpm = ppm; }
+    // The device's read-ahead in milliseconds (ring buffers x 20 ms), known once init
+    // succeeded; the smallest latency the engine honours.
+    int64_t get_read_ahead_ms() const;
+    // Latency in use, in 100 ns units: the requested one raised to the read-ahead.
+    int64_t get_latency() const { return m_nLatency; }
+    // Packets that went out in a later frame than the one their time falls in.
+    uint64_t get_late_packets() const { return m_nLate.load(std::memory_order_relaxed); }
 
     // Stream bytes with their time in 100 ns units.
     void push_data(int64_t tTime, const uint8_t* pData, size_t nSize);
@@ -85,12 +131,23 @@ public:
     // Takes effect at the next start.
     void set_warm_up(std::chrono::nanoseconds tWarmUp) { m_tWarmUp = tWarmUp; }
 
-    // FIFO time of the oldest packet when output started, the origin of the output time
-    // line (0 until the output thread has anchored it). Read while stopped.
+    // The origin of the output time line: the FIFO time of device time 0 (the oldest
+    // packet's time when output started on a fresh device; 0 until the output thread
+    // has anchored). Read while stopped.
     int64_t get_start_fifo_time() const { return m_tStartFifo; }
 
 private:
     void work_thread(std::future<void>&& fExit);
+    // Latency the anchor needs now: the requested one, or more when items become
+    // visible too late to leave on time at it.
+    int64_t effective_latency() const;
+    // Places the output time line so that frame [tBegin, ...), which the line starts
+    // nAhead frames from now, carries what is due then.
+    void anchor(uint64_t tBegin, uint32_t nAhead);
+    void unanchor();
+    // The FIFO's state as bus messages, statistics and alarms; a failed FIFO is reset.
+    // False when the FIFO was reset.
+    bool check_fifo();
 
     std::shared_ptr<kv_v4l2_asi_output_device> m_pDevice;
     mpegcore::kv_mpegts_fifo m_fifo;
@@ -107,4 +164,15 @@ private:
     int64_t m_tStartTime = 0;             // device clock when output started
     std::string m_strDeviceName;
     std::chrono::nanoseconds m_tWarmUp = kWarmUp;
+    double m_dPllLimitPpm = 100.0;
+    int64_t m_nRequestedLatency = 0;  // 100 ns units, as asked for (0: as soon as possible)
+    bool m_bAnchored = false;         // output thread: the time line is placed
+    uint64_t m_tLastDataEnd = 0;      // output thread: device time after the last data frame
+    bool m_bEosPosted = false;        // output thread
+    std::atomic<bool> m_bPaused{false};
+    std::atomic<bool> m_bEos{false};
+    std::atomic<bool> m_bFlushing{false};
+    std::atomic<uint32_t> m_nFlush{0};  // flushes begun, so a short one is not missed
+    std::atomic<uint64_t> m_nLate{0};
+    std::function<void()> m_onEos;
 };

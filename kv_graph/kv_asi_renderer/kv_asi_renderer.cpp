@@ -9,11 +9,46 @@ kv_asi_renderer::kv_asi_renderer(_gstKVASIRenderer* pElement, GstElementClass* p
         return;
     }
     gst_element_add_pad(GST_ELEMENT(pElement), kv_asi_new_sink_pad());
+    m_renderer.set_eos_callback([this] { post_eos(); });
 }
 
 bool kv_asi_renderer::open() {
-    return m_renderer.init(m_strV4l2Name, m_nCapacity, m_nLatency, m_eTimeControl, m_bPLL,
-                           m_bResetWhenEmpty);
+    m_renderer.set_pll_limit_ppm(m_nPllLimitPpm);
+    if (!m_renderer.init(m_strV4l2Name, m_nCapacity, m_nLatency, m_eTimeControl, m_bPLL,
+                         m_bResetWhenEmpty)) {
+        return false;
+    }
+    // 0 asks for the smallest latency; any other value the device cannot honour is
+    // raised, which the user should hear about.
+    const int64_t nReadAhead = m_renderer.get_read_ahead_ms();
+    if (m_nLatency != 0 && m_nLatency < nReadAhead) {
+        g_print("kv_asi_renderer: latency %lld ms is below the device's read-ahead of %lld ms; "
+                "using %lld ms\n",
+                static_cast<long long>(m_nLatency), static_cast<long long>(nReadAhead),
+                static_cast<long long>(nReadAhead));
+        if (m_pElement) {
+            GST_ELEMENT_WARNING(m_pElement, RESOURCE, SETTINGS,
+                                ("\"latency\" %lld ms is below the device's read-ahead of %lld ms "
+                                 "and was raised to it",
+                                 static_cast<long long>(m_nLatency),
+                                 static_cast<long long>(nReadAhead)),
+                                ("the device queues %lld ms of frames ahead of the line",
+                                 static_cast<long long>(nReadAhead)));
+        }
+    }
+    return true;
+}
+
+void kv_asi_renderer::post_eos() {
+    if (!m_pElement) {
+        return;
+    }
+    GstMessage* msg = gst_message_new_eos(GST_OBJECT(m_pElement));
+    const uint32_t nSeqnum = m_nEosSeqnum.load();
+    if (nSeqnum != 0) {
+        gst_message_set_seqnum(msg, nSeqnum);
+    }
+    gst_element_post_message(GST_ELEMENT(m_pElement), msg);
 }
 
 void kv_asi_renderer::close() {
@@ -67,6 +102,9 @@ void kv_asi_renderer::set_property(guint id, const GValue* value, GParamSpec* ps
         case PROP_RESET_WHEN_EMPTY:
             m_bResetWhenEmpty = g_value_get_boolean(value) != FALSE;
             break;
+        case PROP_PLL_LIMIT:
+            m_nPllLimitPpm = g_value_get_uint(value);
+            break;
         case PROP_ALARM_SOURCE_NAME:
             m_alarmDispatcher.set_source_name(string_of(value));
             break;
@@ -102,6 +140,9 @@ void kv_asi_renderer::get_property(guint id, GValue* value, GParamSpec* pspec) {
             break;
         case PROP_STATISTICS:
             get_statistics(value);
+            break;
+        case PROP_PLL_LIMIT:
+            g_value_set_uint(value, m_nPllLimitPpm);
             break;
         default:
             // The alarm source name is declared readable but is kept only by the
@@ -143,11 +184,20 @@ GstStateChangeReturn kv_asi_renderer::change_state(GstStateChange transition) {
 
     switch (transition) {
         case GST_STATE_CHANGE_READY_TO_PAUSED:
-            // A live sink: it plays what arrives and never waits for a first buffer.
+            // A new stream: its statistics start from zero, and they count on across
+            // pauses. A live sink: it plays what arrives and never waits for a first
+            // buffer.
+            m_renderer.reset_statistics();
             ret = GST_STATE_CHANGE_NO_PREROLL;
             break;
         case GST_STATE_CHANGE_PLAYING_TO_PAUSED:
+            m_renderer.pause();
+            break;
+        case GST_STATE_CHANGE_PAUSED_TO_READY:
+            // Output stops and what was buffered is dropped, as after a flush.
             stop();
+            m_renderer.flush_start();
+            m_renderer.flush_stop();
             break;
         case GST_STATE_CHANGE_READY_TO_NULL:
             close();

@@ -2,6 +2,7 @@
 
 #include <gst/gst.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -16,9 +17,12 @@ struct _gstKVASIRenderer;
 // owns the sink pad's behaviour, maps the element's state changes onto the output engine
 // and owns the alarms dispatcher that the host's alarm manager is handed to.
 //
-// NULL to READY opens the engine (device opened, FIFO created), PAUSED to PLAYING starts
-// the output thread and the alarms, PLAYING to PAUSED stops them, READY to NULL closes
-// everything. Device, FIFO and pacing settings are only stored by the property setters
+// NULL to READY opens the engine (device opened, FIFO created), READY to PAUSED starts
+// the statistics afresh, PAUSED to PLAYING starts (or resumes) output and the alarms,
+// PLAYING to PAUSED pauses output (the line goes idle after what the device has queued,
+// the FIFO keeps filling) and stops the alarms, PAUSED to READY stops the output thread
+// and empties the FIFO, READY to NULL closes everything. End of stream is played out
+// before EOS is posted on the bus; a flush empties the FIFO. Device, FIFO and pacing settings are only stored by the property setters
 // and take effect at the next NULL to READY; the alarm source name and the alarm manager
 // go to the dispatcher at once.
 //
@@ -30,6 +34,8 @@ public:
     static constexpr guint kDefaultCapacity = 38797312;  // FIFO bytes (0x2500000)
     static constexpr guint kDefaultLatencyMs = 1000;
     static constexpr guint kMaxLatencyMs = 10000;
+    static constexpr guint kDefaultPllLimitPpm = 100;
+    static constexpr guint kMaxPllLimitPpm = 1000;
 
     // With a null element the object has no pad and cannot chain state changes up.
     kv_asi_renderer(_gstKVASIRenderer* pElement, GstElementClass* pParentClass);
@@ -58,9 +64,15 @@ public:
     // else its PTS, in 100 ns units. Takes the buffer reference and always returns
     // GST_FLOW_OK: trouble below surfaces only through statistics and alarms.
     GstFlowReturn chain(GstPad* pad, GstBuffer* buffer);
+    // One event from upstream: EOS plays the stream out and posts EOS on the bus once the
+    // last packet is on the line; FLUSH_START/FLUSH_STOP empty the FIFO. Takes the event
+    // reference; always TRUE.
+    gboolean event(GstEvent* event);
 
 private:
     void warn_invalid_property(guint id, GParamSpec* pspec);
+    // Posts EOS on the bus; runs on the output thread.
+    void post_eos();
 
     _gstKVASIRenderer* m_pElement;
     GstElementClass* m_pParentClass;
@@ -72,6 +84,8 @@ private:
     bool m_bPLL = false;
     bool m_bResetWhenEmpty = false;
     mpegcore::kv_fifo_time_control m_eTimeControl = mpegcore::pcr_time_type;
+    guint m_nPllLimitPpm = kDefaultPllLimitPpm;
+    std::atomic<uint32_t> m_nEosSeqnum{0};  // of the EOS event being played out
     // Declared before the engine, which keeps a reference to it: the dispatcher outlives
     // the engine, so an engine destroyed with its output thread running can still stop
     // the alarms.

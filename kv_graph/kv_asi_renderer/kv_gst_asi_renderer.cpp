@@ -45,6 +45,8 @@ void gst_kv_asi_renderer_finalize(GObject* object) {
 void gst_kv_asi_renderer_init(GTypeInstance* instance, gpointer /*klass*/) {
     gstKVASIRenderer* self = GST_KV_ASI_RENDERER(instance);
     self->pRenderer = new kv_asi_renderer(self, parent_class);
+    // A sink: a bin counts its EOS before it posts its own.
+    GST_OBJECT_FLAG_SET(self, GST_ELEMENT_FLAG_SINK);
 }
 
 void gst_kv_asi_renderer_base_init(gpointer klass) {
@@ -105,6 +107,12 @@ void gst_kv_asi_renderer_class_init(gpointer klass, gpointer /*class_data*/) {
     g_object_class_install_property(gobject_class, PROP_ALARM_MANAGER,
                                     g_param_spec_pointer("alarm-manager", "Manager of alarms",
                                                          "Manager of alarms", G_PARAM_WRITABLE));
+    g_object_class_install_property(
+        gobject_class, PROP_PLL_LIMIT,
+        g_param_spec_uint("pll-limit", "PLL limit [ppm]",
+                          "Largest rate correction the PLL may apply, in ppm (0: unbounded)", 0,
+                          kv_asi_renderer::kMaxPllLimitPpm, kv_asi_renderer::kDefaultPllLimitPpm,
+                          rw));
 }
 
 gboolean plugin_init(GstPlugin* plugin) {

@@ -55,4 +55,5 @@ enum kv_asi_renderer_property : guint {
     PROP_STATISTICS = 7,
     PROP_ALARM_SOURCE_NAME = 8,
     PROP_ALARM_MANAGER = 9,
+    PROP_PLL_LIMIT = 10,
 };

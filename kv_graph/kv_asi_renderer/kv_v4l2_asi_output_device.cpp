@@ -83,6 +83,7 @@ bool kv_v4l2_asi_output_device::open_device(const std::string& name) {
     m_nTimeStamp = 0;
     m_nLastTimeStamp = 0;
     m_seq_frame = 0;
+    m_bSeqKnown = false;
     m_curr_buff_index = 0;
     m_nSkipFrame = 0;
 
@@ -259,6 +260,13 @@ void kv_v4l2_asi_output_device::stop() {
             g_print("kv_asi_renderer: Can't stream off, device = %s\n", m_strASIName.c_str());
         }
     }
+    // Every buffer is ours again: the next maps prime the ring, continuing the frame
+    // numbers after the current frame.
+    if (m_bSeqKnown) {
+        m_seq_frame.fetch_add(1);  // it numbered the current frame, not the next one
+    }
+    m_curr_buff_index = 0;
+    m_bSeqKnown = false;
 }
 
 bool kv_v4l2_asi_output_device::map(uint64_t& tBegin, uint64_t& tEnd, uint8_t** pData,
@@ -277,6 +285,7 @@ bool kv_v4l2_asi_output_device::map(uint64_t& tBegin, uint64_t& tEnd, uint8_t** 
         // Priming: the buffer has never been queued, so it is ours without asking.
         rec = &m_vASIBuf[m_curr_buff_index];
         m_cur_buffer = rec->buf;
+        m_nFramesAhead = static_cast<uint32_t>(m_curr_buff_index);
         const uint32_t frame = m_seq_frame.fetch_add(1);
         tBegin = frame_to_unit(frame);
         tEnd = frame_to_unit(frame + 1);
@@ -296,17 +305,29 @@ bool kv_v4l2_asi_output_device::map(uint64_t& tBegin, uint64_t& tEnd, uint8_t** 
             rec->buf.m.planes = rec->planes;
         }
 
-        // The buffer we refill is numbered from the driver's sequence of the frame
-        // it last carried, records - 1 frames on. Any number other than the next one
-        // means the driver sent frames of its own in between (or repeated one).
-        const uint32_t seq = m_seq_frame;
-        const uint32_t n = m_cur_buffer.sequence + records - 1;
-        if (n != seq + 1) {
-            const uint32_t skipped = n - 1 - seq;
-            g_print("kv_asi_renderer: skip frame = %u  %u->%u/%u\n", skipped, seq, n, records);
-            m_nSkipFrame += skipped;
+        // The first buffer back after priming is the frame after the primed ones,
+        // whatever sequence number the driver gave it; later numbers follow the driver's
+        // sequence. A gap means the driver sent frames of its own in between; a step
+        // back means it restarted its count, and the numbering is taken up again from
+        // this buffer.
+        const uint32_t seq = m_cur_buffer.sequence;
+        uint32_t n = m_seq_frame;  // after priming: the next frame
+        if (m_bSeqKnown) {
+            const uint32_t last = n;
+            n = seq + m_nSeqOffset;
+            const int32_t step = static_cast<int32_t>(n - last);
+            if (step > 1) {
+                const uint32_t skipped = static_cast<uint32_t>(step - 1);
+                g_print("kv_asi_renderer: skip frame = %u  %u->%u/%u\n", skipped, last, n, records);
+                m_nSkipFrame += skipped;
+            } else if (step < 1) {
+                n = last + 1;
+            }
         }
+        m_nSeqOffset = n - seq;
+        m_bSeqKnown = true;
         m_seq_frame = n;
+        m_nFramesAhead = records - 1;
         tBegin = frame_to_unit(n);
         tEnd = frame_to_unit(n + 1);
     }

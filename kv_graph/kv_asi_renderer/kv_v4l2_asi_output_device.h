@@ -27,7 +27,9 @@ struct kv_v4l2_buffers {
 // carries one frame (540000 words packed into 675000 bytes). The engine takes buffers
 // with map(), fills them and gives them back with unmap(); the first unmap() calls
 // prime the ring without dequeuing and the one that completes the ring turns
-// streaming on. The board's free-running 148.5 MHz counter makes the device the
+// streaming on. Frames are numbered from 0 at open: the primed buffers first, then every
+// dequeued buffer goes on from there, whatever sequence number the driver starts from;
+// later gaps in the driver's sequence are frames the driver sent without us. The board's free-running 148.5 MHz counter makes the device the
 // system's reference clock.
 //
 // map, unmap and set_data_size belong to the output thread; get_clock_time may be
@@ -43,6 +45,8 @@ public:
 
     // kv_data_provider
     bool start() override;
+    // Stops streaming; the driver hands every buffer back, so the ring primes afresh
+    // and frame numbers go on from the last one handed out.
     void stop() override;
     bool map(uint64_t& tBegin, uint64_t& tEnd, uint8_t** pData, uint64_t& nSize) override;
     bool unmap() override;
@@ -62,6 +66,14 @@ public:
 
     // Frames the driver sent without new data from us, seen as sequence gaps.
     uint64_t get_skip_frame() const { return m_nSkipFrame; }
+    // After a successful map(): whole frames the line plays before the buffer handed out
+    // begins. A primed buffer waits for those primed before it (the line starts with the
+    // first at STREAMON, which follows the last priming unmap at once); a dequeued one
+    // for the ring's other buffers, still queued.
+    uint32_t frames_ahead() const { return m_nFramesAhead; }
+    bool is_streaming() const { return m_bStarted; }
+    // The next map() hands out a buffer without dequeuing it.
+    bool is_priming() const { return m_curr_buff_index < m_vASIBuf.size(); }
 
     // Buffer type in use (single-plane or multi-planar output), number of mapped
     // driver buffers and the negotiated image size.
@@ -92,7 +104,10 @@ private:
     v4l2_plane m_cur_planes[1]{};
     size_t m_cur_data_size = 0;
     uint64_t m_curr_buff_index = 0;
-    std::atomic<uint32_t> m_seq_frame{0};
+    std::atomic<uint32_t> m_seq_frame{0};  // number of the next primed frame, or of the current one
+    uint32_t m_nSeqOffset = 0;             // our frame number minus the driver's sequence
+    bool m_bSeqKnown = false;              // m_nSeqOffset was taken since the ring was primed
+    uint32_t m_nFramesAhead = 0;
     bool m_bStarted = false;
     std::mutex m_csTimeStamp;  // not taken: the clock path is lock-free
     std::atomic<uint64_t> m_nTimeStamp{0};

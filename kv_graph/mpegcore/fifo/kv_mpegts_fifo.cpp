@@ -52,6 +52,7 @@ bool kv_mpegts_fifo::create(size_t nCapacity, size_t nItemSize, std::shared_ptr<
     m_bFifoOverflow = false;
     m_bNeedReset = false;
     m_bStarted = false;
+    m_bEnded = false;
     m_tStartFifo = 0;
     m_tStopFifo = 0;
     m_memory_manager.reset(nCapacity);
@@ -79,10 +80,11 @@ void kv_mpegts_fifo::destroy() {
         m_strError.clear();
     }
     m_bResetStream = false;
+    m_bEnded = false;
     m_bFirst = true;
     m_pid_pcr = -1;
     m_pll.reset();
-    m_pcrTimeStamp = KVMonotonicPCR();
+    m_tMaxAnchorInterval = 0;
     m_pClock.reset();
     m_nCapacity = 0;
     m_nItemSize = TS_PACKET_SIZE;
@@ -106,6 +108,8 @@ void kv_mpegts_fifo::reset() {
         m_bNeedReset = false;
         m_bFifoUnderflow = false;
         m_bFifoOverflow = false;
+        m_bEnded = false;
+        m_tMaxAnchorInterval = 0;
     }
     std::lock_guard<std::mutex> lockJitter(m_csMapJitter);
     m_mapJitter.clear();
@@ -120,7 +124,7 @@ void kv_mpegts_fifo::reset_stream() {
     m_pid_pcr = -1;
     m_bFirst = true;
     m_pll.reset();
-    m_pcrTimeStamp = KVMonotonicPCR();
+    m_tMaxAnchorInterval = 0;
 }
 
 void kv_mpegts_fifo::push_data(int64_t tTime, const uint8_t* pData, size_t nSize) {
@@ -152,13 +156,63 @@ int64_t kv_mpegts_fifo::time_to_pll(int64_t tTime) {
     if (!m_pClock) {
         return tTime;
     }
+    if (m_bRelock.exchange(false, std::memory_order_acquire)) {
+        m_pll.relock();
+    }
     return m_pll.set_stamp(m_pClock->get_clock_time(), tTime);
 }
 
 int64_t kv_mpegts_fifo::next_pcr_time(const transport_packet& packet) {
-    m_pcrTimeStamp.next_stamp(packet.af.program_clock_reference_base,
-                              packet.af.program_clock_reference_extension);
-    return time_to_pll(m_pcrTimeStamp.toUnit());
+    constexpr int64_t kPeriod = (int64_t{1} << 33) * 300;
+    const int64_t pcr = static_cast<int64_t>(packet.af.program_clock_reference_base) * 300 +
+                        packet.af.program_clock_reference_extension;
+    if (m_bFirst) {
+        m_nPcr = pcr;
+        m_tBaseOffset = 0;
+        return m_nPcr * 10 / 27;
+    }
+    // The shortest way round from the previous PCR: less than half the period ahead is
+    // ahead (a wrap included), anything else is behind.
+    int64_t step = ((pcr - m_nPcr) % kPeriod + kPeriod) % kPeriod;
+    if (step >= kPeriod / 2) {
+        step -= kPeriod;
+    }
+    m_nPcr += step;
+    const int64_t t = m_nPcr * 10 / 27 + m_tBaseOffset;
+
+    const bool bFlagged = packet.af.discontinuity_indicator != 0;
+    const bool bJump = !(t > m_tLastAnchor - m_tTrembling && t < m_tLastAnchor + m_tTrembling);
+    if (!bFlagged && !bJump) {
+        return t;
+    }
+    // A new time base: this PCR goes right behind the previous anchor, at the rate of
+    // the last whole interval, and every later one follows it.
+    int64_t predicted = m_tLastAnchor;
+    if (m_nLastIntervalPackets > 0) {
+        predicted += m_tLastInterval * static_cast<int64_t>(m_nSinceAnchor) /
+                     static_cast<int64_t>(m_nLastIntervalPackets);
+    }
+    m_tBaseOffset += predicted - t;
+    if (!bFlagged) {
+        {
+            recursive_lock lock(m_csItems);
+            m_strError = kErrorGap;
+        }
+        m_bTimeBaseNotice = true;
+    }
+    return predicted;
+}
+
+void kv_mpegts_fifo::count_anchor(int64_t t) {
+    if (m_nSinceAnchor > 0) {
+        m_tLastInterval = t - m_tPrevAnchor;
+        m_nLastIntervalPackets = m_nSinceAnchor;
+        if (m_tLastInterval > m_tMaxAnchorInterval.load(std::memory_order_relaxed)) {
+            m_tMaxAnchorInterval.store(m_tLastInterval, std::memory_order_relaxed);
+        }
+    }
+    m_tPrevAnchor = t;
+    m_nSinceAnchor = 1;
 }
 
 void kv_mpegts_fifo::on_process_by_pcr(const transport_packet& packet) {
@@ -167,37 +221,70 @@ void kv_mpegts_fifo::on_process_by_pcr(const transport_packet& packet) {
         if (!carries_pcr(packet)) {
             return;
         }
+        m_tLastAnchor = next_pcr_time(packet);
         m_bFirst = false;
         m_pid_pcr = packet.PID;
-        m_tTimeStamp = next_pcr_time(packet);
+        m_nSinceAnchor = 0;
+        m_nLastIntervalPackets = 0;
+        m_tTimeStamp = time_to_pll(m_tLastAnchor);
         m_tLastTimeStamp = m_tTimeStamp;
+        count_anchor(m_tTimeStamp);
         add_to_fifo(packet);
         return;
     }
     if (packet.PID == m_pid_pcr && carries_pcr(packet)) {
-        const int64_t t = next_pcr_time(packet);
-        m_tTimeStamp = t;
-        if (t > m_tLastTimeStamp - m_tTrembling && t < m_tLastTimeStamp + m_tTrembling) {
-            m_tLastTimeStamp = t;
-            add_to_fifo(packet);
-        } else {
-            fail(kErrorGap, nullptr);
-        }
+        m_tLastAnchor = next_pcr_time(packet);
+        m_tTimeStamp = time_to_pll(m_tLastAnchor);
+        m_tLastTimeStamp = m_tTimeStamp;
+        count_anchor(m_tTimeStamp);
+        add_to_fifo(packet);
         return;
     }
-    append_to_fifo(packet);
+    if (append_to_fifo(packet)) {
+        ++m_nSinceAnchor;
+    }
 }
 
 void kv_mpegts_fifo::on_process_by_stamp(const transport_packet& packet) {
-    if (m_bFirst) {
+    if (m_bFirst || m_bFirstTimeStamp) {
+        if (m_bFirst) {
+            m_nSinceAnchor = 0;
+            m_nLastIntervalPackets = 0;
+        }
         m_bFirst = false;
-        add_to_fifo(packet);
-    } else if (m_bFirstTimeStamp) {
         m_bFirstTimeStamp = false;
+        count_anchor(m_tTimeStamp);
         add_to_fifo(packet);
-    } else {
-        append_to_fifo(packet);
+    } else if (append_to_fifo(packet)) {
+        ++m_nSinceAnchor;
     }
+}
+
+void kv_mpegts_fifo::end_of_stream() {
+    take_pending_reset();
+    if (m_pItem && m_pItem->get_length() > 0) {
+        m_listTmpItems.push_back(std::move(m_pItem));
+    }
+    if (!m_listTmpItems.empty()) {
+        // The waiting items follow the last anchor at the last interval's rate.
+        const int64_t first = m_listTmpItems.front()->time();
+        const size_t n = m_listTmpItems.size();
+        recursive_lock lock(m_csItems);
+        for (size_t i = 0; i < n; ++i) {
+            std::unique_ptr<kv_mpegts_item> item = std::move(m_listTmpItems.front());
+            m_listTmpItems.pop_front();
+            int64_t t = first;
+            if (m_nLastIntervalPackets > 0) {
+                t += m_tLastInterval * static_cast<int64_t>(i) /
+                     static_cast<int64_t>(m_nLastIntervalPackets);
+            }
+            item->set_time(t);
+            m_listItems.push_back(std::move(item));
+        }
+        update_start_stop();
+        m_bStarted = true;
+    }
+    m_bEnded = true;
 }
 
 void kv_mpegts_fifo::fail(const char* text, std::atomic<bool>* pFlag) {
@@ -308,7 +395,7 @@ void kv_mpegts_fifo::update_start_stop() {
 void kv_mpegts_fifo::get_data(int64_t /*tFrom*/, int64_t tTo, kv_mpegts_items& items) {
     recursive_lock lock(m_csItems);
     if (m_listItems.empty()) {
-        if (m_bStarted && m_bResetWhenEmpty) {
+        if (m_bStarted && m_bResetWhenEmpty && !m_bEnded.load(std::memory_order_relaxed)) {
             m_strError = kErrorEmptied;
             m_bFifoUnderflow.store(true, std::memory_order_relaxed);
             m_bNeedReset.store(true, std::memory_order_relaxed);

@@ -35,6 +35,15 @@ enum kv_fifo_time_control : int32_t {
 // clock. Items between two anchors are spread evenly over the anchors' interval, so an
 // item becomes visible to get_data() only once the following anchor has arrived.
 //
+// Time-base changes keep the stream: a PCR discontinuity that the stream flags
+// (discontinuity_indicator on a PCR of the pacing PID, as splicers and looping players
+// set it), or an unflagged step of 2 s or more either way, places the new PCRs right
+// behind the previous anchor at the last interval's per-packet rate and carries that
+// offset on to every later PCR; nothing stored is touched. The unflagged step is still
+// reported, through take_time_base_notice() and the error text "Large gap in flow time".
+// The 33-bit PCR is unwrapped the shortest way round, so a step back is a step back and
+// a real wrap goes on seamlessly.
+//
 // Failures never throw: they set is_reset() together with a text (get_error()) and, for
 // a full pool or an emptied FIFO, is_overflow() or is_underflow(). While is_reset() is
 // set all input is dropped; the owner calls reset().
@@ -79,6 +88,25 @@ public:
     // Takes items back for reuse and empties `items`.
     void revert(kv_mpegts_items& items);
 
+    // End of stream (producer thread): the items still waiting for a next anchor are
+    // timed at the last anchor interval's per-packet rate and become visible. From then
+    // on an empty FIFO is no failure, until reset().
+    void end_of_stream();
+    bool is_ended() const { return m_bEnded.load(std::memory_order_relaxed); }
+    // True once after each unflagged time-base step (any thread).
+    bool take_time_base_notice() { return m_bTimeBaseNotice.exchange(false); }
+    // Longest interval between two consecutive anchors since the last reset, in 100 ns
+    // units (0 before the second anchor). An item becomes visible only once the anchor
+    // after it has arrived, so this is how far the newest stored item may lag.
+    int64_t get_anchor_interval() const {
+        return m_tMaxAnchorInterval.load(std::memory_order_relaxed);
+    }
+    // From the consumer thread: the PLL restarts its lock at the next anchor, keeping the
+    // corrected time line continuous.
+    void relock_clock() { m_bRelock.store(true, std::memory_order_release); }
+    // Bound of the PLL's correction in ppm (0: none); kept across create and reset.
+    void set_pll_limit_ppm(double ppm) { m_pll.set_limit(ppm > 0 ? ppm * 1e-6L : 0); }
+
     size_t get_capacity() const { return m_nCapacity; }
     // Due time of the newest stored item minus that of the oldest.
     int64_t get_fullness() const;
@@ -119,7 +147,11 @@ private:
     // Caller holds m_csItems.
     void update_start_stop();
     int64_t time_to_pll(int64_t tTime);
+    // The packet's PCR as a time on the continuous time line: unwrapped the shortest way
+    // round, time-base changes carried over.
     int64_t next_pcr_time(const transport_packet& packet);
+    // Books an anchor at time t (after the PLL) for the interval statistics.
+    void count_anchor(int64_t t);
     void fail(const char* text, std::atomic<bool>* pFlag);
     // The producer's share of reset(), run on the producer thread.
     void reset_stream();
@@ -136,8 +168,19 @@ private:
     size_t m_nItemSize = TS_PACKET_SIZE;
     int64_t m_tTimeStamp = 0;         // newest anchor time, after the PLL
     int64_t m_tLastTimeStamp = 0;     // previous accepted PCR time, after the PLL
-    int64_t m_tTrembling = 20000000;  // PCR jumps of this size or more fail (2 s)
-    KVMonotonicPCR m_pcrTimeStamp;
+    int64_t m_tTrembling = 20000000;  // PCR jumps of this size or more change the time base (2 s)
+    // Producer only: the unwrapped PCR (27 MHz), the offset that carries time-base changes
+    // (100 ns units) and the previous anchor before the PLL.
+    int64_t m_nPcr = 0;
+    int64_t m_tBaseOffset = 0;
+    int64_t m_tLastAnchor = 0;
+    // Producer only: the previous anchor after the PLL, the packets stored since it (it
+    // included), and the last whole interval with its packet count.
+    int64_t m_tPrevAnchor = 0;
+    size_t m_nSinceAnchor = 0;
+    int64_t m_tLastInterval = 0;
+    size_t m_nLastIntervalPackets = 0;
+    std::atomic<int64_t> m_tMaxAnchorInterval{0};
     kv_fifo_time_control m_time_control = pcr_time_type;
     KVSDK::KVMemoryManager m_memory_manager;  // under m_csFreeItems
     std::recursive_mutex m_csFreeItems;       // m_listFreeItems, m_memory_manager
@@ -158,6 +201,9 @@ private:
     std::atomic<bool> m_bFifoOverflow{false};
     bool m_bFirstTimeStamp = false;           // a buffer time waits for its first packet
     std::atomic<bool> m_bResetStream{false};  // reset() left the producer's share pending
+    std::atomic<bool> m_bEnded{false};
+    std::atomic<bool> m_bTimeBaseNotice{false};
+    std::atomic<bool> m_bRelock{false};
     mutable std::mutex m_csMapJitter;
     jitter_map m_mapJitter;
 };

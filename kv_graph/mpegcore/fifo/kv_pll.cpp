@@ -36,7 +36,16 @@ int64_t kv_pll::set_stamp(int64_t llSystemTime, int64_t llStreamTime) {
     if (m_bFirstStamp) {
         ResetPLL(llSystemTime, llStreamTime);
         m_bFirstStamp = false;
+        m_bRelock = false;
+        m_dBase = 0;
         return llStreamTime;
+    }
+    if (m_bRelock) {
+        // The correction reached so far stays; the loop measures its phase from here.
+        m_dBase += m_dRegulator;
+        ResetPLL(llSystemTime, llStreamTime);
+        m_bRelock = false;
+        return to_units(llStreamTime / kUnitsPerSecond + m_dBase);
     }
     return SetTimeToPLL(llSystemTime, llStreamTime);
 }
@@ -59,8 +68,9 @@ int64_t kv_pll::SetTimeToPLL(int64_t llSystemTime, int64_t llStreamTime) {
     const long double ds = dStreamTime - m_dStreamTimeStart;
 
     if (llSystemTime - m_nSystemTimeLast <= kUpdateSpacing) {
-        return to_units(m_dStreamTimeStart + (m_dRegulator + ds));
+        return to_units(m_dStreamTimeStart + (m_dRegulator + ds) + m_dBase);
     }
+    const long double dRegulatorBefore = m_dRegulator;
 
     // Phase error: elapsed device time minus elapsed corrected stream time.
     const long double dSystemTime = llSystemTime / kUnitsPerSecond;
@@ -84,8 +94,19 @@ int64_t kv_pll::SetTimeToPLL(int64_t llSystemTime, int64_t llStreamTime) {
         m_dRegulator = m_dRegulator + kIntegralWeight * m_dIRegulator;
     }
 
+    // However far the phase is off (a stream that stopped while the clock ran on), the
+    // correction moves at most at the bound's rate: it cannot run away with the FIFO.
+    if (m_dLimit > 0 && m_nSystemTimeLast != kSystemTimeLastStart) {
+        const long double dMax = m_dLimit * (dSystemTime - m_nSystemTimeLast / kUnitsPerSecond);
+        if (m_dRegulator > dRegulatorBefore + dMax) {
+            m_dRegulator = dRegulatorBefore + dMax;
+        } else if (m_dRegulator < dRegulatorBefore - dMax) {
+            m_dRegulator = dRegulatorBefore - dMax;
+        }
+    }
+
     m_nSystemTimeLast = llSystemTime;
-    const long double result = m_dStreamTimeStart + (ds + m_dRegulator);
+    const long double result = m_dStreamTimeStart + (ds + m_dRegulator) + m_dBase;
     m_dStreamTimeLast = result;
     return to_units(result);
 }

@@ -22,6 +22,13 @@ public:
 
     // Unlocks: the next set_stamp takes its two times as the new origin.
     void reset();
+    // The next set_stamp restarts the lock at its two times, keeping the corrected time
+    // line continuous: the correction reached so far stays as a fixed offset and the loop
+    // starts over from there. For a new phase reference (output anchored anew).
+    void relock() { m_bRelock = true; }
+    // Largest change of the correction in one update, as a rate against the device time
+    // elapsed since the previous update (1e-4: 100 ppm); 0 or less: unbounded.
+    void set_limit(long double dLimit) { m_dLimit = dLimit; }
     // Returns the corrected stream time for a stream time seen at the given device time.
     // The first call after construction or reset returns the stream time unchanged.
     int64_t set_stamp(int64_t llSystemTime, int64_t llStreamTime);
@@ -38,6 +45,7 @@ public:
     long double get_integral() const { return m_dIRegulator; }                   // integral store
     std::size_t get_regulator_count() const { return m_listIRegulator.size(); }  // <= 1000
     bool is_locked() const { return !m_bFirstStamp; }
+    long double get_offset() const { return m_dBase; }  // seconds kept from earlier locks
 
 private:
     long double m_dRegulator = 0;        // offset added to the stream time, seconds
@@ -52,6 +60,9 @@ private:
     std::list<long double> m_listIRegulator;  // regulators of recent updates, oldest first
     long double m_dIRegulator = 0;            // integral store
     bool m_bFirstStamp = true;                // the next stamp restarts the lock
+    bool m_bRelock = false;                   // the next stamp restarts it, continuously
+    long double m_dBase = 0;                  // correction kept from earlier locks, seconds
+    long double m_dLimit = 1e-4L;             // bound of the correction's rate
 };
 
 }  // namespace mpegcore

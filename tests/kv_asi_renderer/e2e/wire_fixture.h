@@ -1,11 +1,8 @@
 #pragma once
 
 // The element on the wire: a pipeline ending in the element plays into the virtual board
-// (real time or free-running), and the line's capture is read back and analysed.
-//
-// Start-up: the device primes six buffers as frames 0..5 and gets the first one back as 7,
-// so the first six frames sit one frame (20 ms) late against the rest and the seventh also
-// carries the skipped number's packets, late. Accuracy and order are judged after that.
+// (real time or free-running), and the line's capture is read back and analysed from its
+// first packet on.
 
 #include <gst/app/gstappsrc.h>
 #include <unistd.h>
@@ -25,8 +22,6 @@ using kvtest::ts_stream;
 
 constexpr uint64_t kWordsPerFrame = 540000;
 constexpr double kNsPerWord = 1e9 / 27e6;
-// Past the start-up, with room for the seventh frame's late packets.
-constexpr uint64_t kStartUpWords = 10 * kWordsPerFrame;
 // PCR pacing puts a PCR packet on the first word at or after its due time (in 100 ns units).
 constexpr double kPcrPacingLimitNs = 150.0;
 constexpr bool kSanitized = KV_E2E_SANITIZED != 0;  // set by the build
@@ -35,6 +30,37 @@ constexpr bool kSanitized = KV_E2E_SANITIZED != 0;  // set by the build
 // wait for a next PCR that never comes.
 inline size_t unsent_tail_limit(const ts_stream& s) {
     return s.packets() - s.pcr_before(s.packets());
+}
+
+// Rewrites the PCR of a packet that carries one, and its discontinuity indicator.
+inline void set_pcr(uint8_t* p, int64_t pcr, bool discontinuity) {
+    const int64_t period = (int64_t(1) << 33) * 300;
+    pcr = ((pcr % period) + period) % period;
+    const int64_t base = pcr / 300, ext = pcr % 300;
+    p[5] = uint8_t((p[5] & 0x7F) | (discontinuity ? 0x80 : 0));
+    p[6] = uint8_t(base >> 25);
+    p[7] = uint8_t(base >> 17);
+    p[8] = uint8_t(base >> 9);
+    p[9] = uint8_t(base >> 1);
+    p[10] = uint8_t((base & 1) << 7 | 0x7E | ext >> 8);
+    p[11] = uint8_t(ext);
+}
+
+// The stream with every PCR of its PCR PID from packet `from` on moved by shift_ns, the
+// first of them flagged as a discontinuity when asked; the packets' times stay those of
+// the original, which is how they arrive.
+inline ts_stream with_time_base_change(const ts_stream& s, size_t from, int64_t shift_ns,
+                                       bool flagged) {
+    ts_stream out = s;
+    bool first = true;
+    for (size_t i : s.pcr_packets) {
+        if (i >= from) {
+            uint8_t* p = &out.bytes[i * 188];
+            set_pcr(p, kvtest::pcr_of(p) + shift_ns * 27 / 1000, flagged && first);
+            first = false;
+        }
+    }
+    return out;
 }
 
 // One record of the capture: the packet's first word on the line, unwrapped.
@@ -83,6 +109,39 @@ inline capture read_capture(const std::string& path) {
         c.records.push_back({word, r + 4});
     }
     return c;
+}
+
+// How late packets leave against their times: records are matched to source packets in
+// order (from source packet `first` on), and each one's line time minus its time in the
+// stream is taken against the smallest such difference. A packet is never placed before
+// its time, so the spread is what some packets lost; spreading by position within a PCR
+// interval accounts for a few microseconds, a missed frame for 20 ms.
+struct lateness {
+    size_t matched = 0;
+    double max_ns = 0;
+};
+inline lateness packet_lateness(const std::vector<record>& recs, const ts_stream& s,
+                                size_t first = 0) {
+    lateness l;
+    std::vector<double> d;
+    size_t i = first;
+    for (const record& r : recs) {
+        size_t k = i;
+        while (k < s.packets() && k < i + 64 && std::memcmp(s.packet(k), r.packet, 188) != 0) {
+            ++k;
+        }
+        if (k >= s.packets() || k >= i + 64) {
+            continue;  // not from the source (or too far ahead): the analyzer reports it
+        }
+        d.push_back(double(r.word) * kNsPerWord - double(s.time_ns[k]));
+        i = k + 1;
+    }
+    l.matched = d.size();
+    if (!d.empty()) {
+        const double lo = *std::min_element(d.begin(), d.end());
+        l.max_ns = *std::max_element(d.begin(), d.end()) - lo;
+    }
+    return l;
 }
 
 // The analyzer's view of some records, against the source when one is given.
@@ -143,6 +202,7 @@ struct settings {
     // Buffers go into the element's pad on the feeding thread, not through appsrc: GLib's
     // locks are invisible to ThreadSanitizer, so only then does it see the hand-over.
     bool direct = false;
+    int64_t first_sequence = -1;  // of the board's first dequeued buffer; -1: its default
 };
 
 // What a run leaves: the line and the element's and board's account of it.
@@ -162,6 +222,21 @@ inline bool have_tsparse() {
         g_clear_error(&err);
         g_clear_object(&p);
         GstElementFactory* f = gst_element_factory_find("tsparse");
+        const bool bFound = f != nullptr;
+        g_clear_object(&f);
+        return bFound;
+    }();
+    return bLoaded;
+}
+
+// filesrc and clocksync from the system's plugin file, when it is installed.
+inline bool have_core_elements() {
+    static const bool bLoaded = [] {
+        GError* err = nullptr;
+        GstPlugin* p = gst_plugin_load_file(KV_GST_PLUGINS_DIR "/libgstcoreelements.so", &err);
+        g_clear_error(&err);
+        g_clear_object(&p);
+        GstElementFactory* f = gst_element_factory_find("clocksync");
         const bool bFound = f != nullptr;
         g_clear_object(&f);
         return bFound;
@@ -201,7 +276,7 @@ protected:
     // Board and pipeline, left in NULL.
     void build(const settings& s) {
         m_settings = s;
-        kvtest::add_board(kNode, m_capture, s.freerun);
+        kvtest::add_board(kNode, m_capture, s.freerun, s.first_sequence);
         if (s.direct) {
             m_pipeline = gst_pipeline_new("wire");
             m_sink = gst_element_factory_make("kv_asi_renderer", "sink");
@@ -264,20 +339,32 @@ protected:
         }
     }
     void feed_realtime(const ts_stream& s) { feed(s, 0, s.packets(), steady::now()); }
+    // The source ends its stream.
+    void end_of_stream() {
+        if (m_settings.direct) {
+            GstPad* pad = gst_element_get_static_pad(m_sink, "sink");
+            EXPECT_TRUE(gst_pad_send_event(pad, gst_event_new_eos()));
+            gst_object_unref(pad);
+        } else {
+            EXPECT_EQ(gst_app_src_end_of_stream(GST_APP_SRC(m_src)), GST_FLOW_OK);
+        }
+    }
 
     kv_vboard_counters counters() { return kvtest::counters(kNode); }
     std::string stat(const std::string& name) { return kvtest::stat(m_sink, name); }
 
-    // Error messages on the bus: the element must never post one.
-    int bus_errors() {
+    // Messages of a type on the bus so far (taken off it).
+    int bus_messages(GstMessageType type) {
         GstBus* bus = gst_element_get_bus(m_pipeline);
         int n = 0;
-        for (GstMessage* m; (m = gst_bus_pop_filtered(bus, GST_MESSAGE_ERROR)) != nullptr; ++n) {
+        for (GstMessage* m; (m = gst_bus_pop_filtered(bus, type)) != nullptr; ++n) {
             gst_message_unref(m);
         }
         gst_object_unref(bus);
         return n;
     }
+    // Error messages on the bus: the element must never post one.
+    int bus_errors() { return bus_messages(GST_MESSAGE_ERROR); }
 
     // Builds and plays, runs feed_fn, waits until the line has carried no new packet for
     // 0.2 s, takes the account and stops. A free-running line is fed before it starts, as it
@@ -294,15 +381,7 @@ protected:
             feed_fn();
             std::this_thread::sleep_for(std::chrono::milliseconds(st.latency_ms));
         }
-        uint64_t last = UINT64_MAX;
-        kvtest::eventually([&] {
-            const uint64_t now = counters().packets;
-            if (std::exchange(last, now) == now) {
-                return true;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(200));
-            return false;
-        });
+        wait_quiet();
         EXPECT_EQ(bus_errors(), 0);
         o.board = counters();
         o.resets = std::stoull(stat("Reset"));
@@ -314,6 +393,18 @@ protected:
         EXPECT_EQ(set_state(GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
         o.line = read_capture(m_capture);
         return o;
+    }
+    // Until the line has carried no new packet for 0.2 s.
+    void wait_quiet() {
+        uint64_t last = UINT64_MAX;
+        kvtest::eventually([&] {
+            const uint64_t now = counters().packets;
+            if (std::exchange(last, now) == now) {
+                return true;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            return false;
+        });
     }
 
     std::string m_dir, m_capture;

@@ -111,9 +111,15 @@ private:
     std::vector<std::shared_ptr<kv_i_alarm_event>> m_alarms;
 };
 
-inline void add_board(const char* node, const std::string& capture, bool freerun) {
+// first_sequence: of the first buffer the board hands back after STREAMON; -1 keeps the
+// board's default.
+inline void add_board(const char* node, const std::string& capture, bool freerun,
+                      int64_t first_sequence = -1) {
     kv_vboard_config cfg;
     kv_vboard_default_config(&cfg);
+    if (first_sequence >= 0) {
+        cfg.first_sequence = uint32_t(first_sequence);
+    }
     std::snprintf(cfg.node, sizeof(cfg.node), "%s", node);
     std::snprintf(cfg.capture, sizeof(cfg.capture), "%s", capture.c_str());
     cfg.freerun = freerun ? 1 : 0;

@@ -10,9 +10,9 @@ namespace {
 using EngineConcurrency = EngineTest;
 
 // The stream is pushed in a loop with PCR pacing and the device as the PLL's clock, so
-// each loop's wrap is a PCR jump that makes the FIFO ask for a reset (the output thread
-// reopens the device while the streaming thread reads its clock), and the underflow alarm
-// is live from the first pass.
+// each loop's wrap is a PCR jump the FIFO carries the stream across (the output thread
+// starts and stops the device while the streaming thread reads its clock), and the
+// underflow alarm is live from the first pass.
 TEST_F(EngineConcurrency, StartStopCyclesWithBuffersFlowingLeaveNothingBehind) {
     std::vector<uint8_t> ts = read_file(std::string(KV_CORPUS_DIR) + "/test-072.ts");
     if (ts.empty()) {

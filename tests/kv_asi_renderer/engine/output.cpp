@@ -61,12 +61,8 @@ TEST_F(EngineTest, ConstantRateStreamLeavesTheLineOnceInOrderAtItsTimes) {
     EXPECT_EQ(r.source.missing + r.source.repeated + r.source.altered + r.source.unsent_head, 0u);
     EXPECT_EQ(r.source.unsent_tail, 1u);
 
-    // Device frame 6 is never handed out (the first buffer back after priming frames 0-5 is
-    // frame 7): what is due in it goes late in frame 7, and from then on the line runs one
-    // frame (540000 words) behind the device.
-    const auto line_word = [](uint64_t w) {
-        return w < 6 * 540000 ? w : std::max<uint64_t>(w, 7 * 540000) - 540000;
-    };
+    // Frames are numbered without a gap from the first one: line word = device word.
+    const auto line_word = [](uint64_t w) { return w; };
     const std::vector<uint8_t> records = read_file(capture);
     ASSERT_EQ(records.size(), (n - 1) * 192);
     uint64_t expected = 0, minGap = ~uint64_t{0};
@@ -92,11 +88,15 @@ TEST_F(EngineTest, ConstantRateStreamLeavesTheLineOnceInOrderAtItsTimes) {
 }
 
 TEST_F(EngineTest, LatencyAndWarmUpGateOutputAndUnderflow) {
-    // No latency: idle frames go out at once; the underflow of an empty FIFO is muted for
-    // the warm-up (31 s) and raised on every pass without it.
+    // Latency 0 on an empty FIFO: the device is not streamed before there is something to
+    // play; the underflow of an empty FIFO is muted for the warm-up (31 s) and raised on
+    // every pass without it.
     ASSERT_TRUE(engine.init(kNode, 1 << 20, 0, stamp_time_type, false, false));
+    EXPECT_EQ(engine.get_read_ahead_ms(), 120);
+    EXPECT_EQ(engine.get_latency(), 1200000);
     ASSERT_TRUE(engine.start());
-    ASSERT_TRUE(wait_until([&] { return counters().qbuf >= 10; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(counters().qbuf, 0u);
     EXPECT_EQ(manager.count(kUnderflow), 0);
     engine.stop();
     engine.set_warm_up(std::chrono::nanoseconds(0));
@@ -104,55 +104,60 @@ TEST_F(EngineTest, LatencyAndWarmUpGateOutputAndUnderflow) {
     ASSERT_TRUE(wait_until([&] { return manager.count(kUnderflow) >= 3; }));
     EXPECT_EQ(manager.count(kOverflow), 0);
     engine.stop();
-    EXPECT_EQ(counters().packets + counters().word_violations, 0u);
+    EXPECT_EQ(counters().qbuf + counters().word_violations, 0u);
     engine.deinit();
 
-    // 100 ms latency: with 50 ms stored (the newest packet not timed yet) no buffer is
-    // taken, and more than 1 % of the latency silences the underflow alarm.
-    const std::vector<uint8_t> ts = generated(1000000, 1102);
+    // 100 ms latency is raised to the read-ahead, 120 ms; with items 0.1 ms apart the
+    // output waits for that plus one anchor interval and one frame. With 50 ms stored no
+    // buffer is taken, and more than 1 % of the latency silences the underflow alarm.
+    const std::vector<uint8_t> ts = generated(1000000, 1802);
     add_board();
     ASSERT_TRUE(engine.init(kNode, 1 << 20, 100, stamp_time_type, false, false));
+    EXPECT_EQ(engine.get_latency(), 1200000);
     engine.set_warm_up(std::chrono::nanoseconds(0));
     ASSERT_TRUE(engine.start());
     ASSERT_TRUE(wait_until([&] { return manager.count(kUnderflow) >= 2; }));
     push_packets(ts, 0, 502, 1000);
     ASSERT_TRUE(wait_until([&] { return stat("Fullness fifo") == "000:00:00.050"; }));
     const long underflows = manager.count(kUnderflow);
+    push_packets(ts, 502, 1402, 1000);  // 140 ms: one frame short
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     EXPECT_EQ(manager.count(kUnderflow), underflows);
     EXPECT_EQ(counters().qbuf, 0u);
-    push_packets(ts, 502, 1102, 1000);
-    ASSERT_TRUE(wait_until([&] { return counters().packets >= 1101; }));
+    push_packets(ts, 1402, 1802, 1000);
+    ASSERT_TRUE(wait_until([&] { return counters().packets >= 1801; }));
     engine.stop();
     EXPECT_EQ(engine.get_start_fifo_time(), kT0);
+    EXPECT_EQ(engine.get_late_packets(), 0u);
 }
 
 // A FIFO asking for a reset: its text is printed and kept as the last error, its alarm is
-// raised even during the warm-up, the device is reopened and restarted, and the reset is
-// counted once.
-TEST_F(EngineTest, FifoResetRequestsReopenTheDeviceAndAreCounted) {
+// raised even during the warm-up, the reset is counted once, and the device is neither
+// reopened nor started before there is something to play again.
+TEST_F(EngineTest, FifoResetRequestsAreReportedAndCountedOnce) {
     const struct {
         const char* text;
         size_t capacityPackets;
         bool resetWhenEmpty;
         long underflow, overflow;
-    } cases[] = {{"Fifo emptied", 1000, true, 1, 0},
-                 {"There is not enough memory in fifo", 10, false, 0, 1}};
-    const std::vector<uint8_t> ts = generated(1000000, 40);
+        uint64_t streamon;
+    } cases[] = {{"Fifo emptied", 1000, true, 1, 0, 1},
+                 {"There is not enough memory in fifo", 10, false, 0, 1, 0}};
+    const std::vector<uint8_t> ts = generated(1000000, 200);
     for (const auto& rc : cases) {
         SCOPED_TRACE(rc.text);
         add_board();  // fresh counters
         print_log::clear();
         ASSERT_TRUE(engine.init(kNode, rc.capacityPackets * kPacket, 0, stamp_time_type, false,
                                 rc.resetWhenEmpty));
-        push_packets(ts, 0, 40, 1000);
+        push_packets(ts, 0, 200, 20000);  // 400 ms
         ASSERT_TRUE(engine.start());
         ASSERT_TRUE(wait_until([&] { return stat("Reset") == "1"; }));
-        // The first device never completed its ring; the reopened one streams at once.
-        EXPECT_EQ(counters().streamon, 1u);
-        ASSERT_TRUE(wait_until([&] { return counters().qbuf >= 20; }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
         EXPECT_EQ(stat("Reset"), "1");  // nothing more pushed, nothing more to fail
+        EXPECT_EQ(counters().streamon, rc.streamon);
         EXPECT_EQ(log.count(std::string("kv_asi_renderer: ") + rc.text + "\n"), 1u);
+        EXPECT_EQ(log.count("kv_asi_renderer: Open asi device: " + std::string(kNode) + "\n"), 1u);
         EXPECT_EQ(stat("Last error"), rc.text);
         EXPECT_EQ(manager.count(kUnderflow), rc.underflow);
         EXPECT_EQ(manager.count(kOverflow), rc.overflow);
@@ -197,6 +202,7 @@ TEST_F(EngineTest, FillCountsSkippedPacketsAndStartForgetsTheCarry) {
     EXPECT_EQ(stat("Skip TS packets"), "2");
 
     EXPECT_FALSE(engine.start());  // no device
+    engine.reset_statistics();
     EXPECT_EQ(stat("Skip TS packets"), "0");
     items.clear();
     add(3, 400050);

@@ -129,7 +129,7 @@ void kv_asi_process_renderer::stop() {
         m_fExit.reset();
     }
     // What the ring still holds is given up; the next start primes it afresh.
-    if (m_pDevice->is_open()) {
+    if (m_pDevice->is_open() && m_pDevice->has_queued()) {
         m_pDevice->stop();
     }
     m_bPaused = false;

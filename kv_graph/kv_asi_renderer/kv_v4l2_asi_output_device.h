@@ -72,6 +72,8 @@ public:
     // for the ring's other buffers, still queued.
     uint32_t frames_ahead() const { return m_nFramesAhead; }
     bool is_streaming() const { return m_bStarted; }
+    // Buffers were queued since the device was opened or last stopped.
+    bool has_queued() const { return m_bStarted || m_curr_buff_index > 0; }
     // The next map() hands out a buffer without dequeuing it.
     bool is_priming() const { return m_curr_buff_index < m_vASIBuf.size(); }
 

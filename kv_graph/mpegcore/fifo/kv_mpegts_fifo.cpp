@@ -246,13 +246,16 @@ void kv_mpegts_fifo::on_process_by_pcr(const transport_packet& packet) {
 }
 
 void kv_mpegts_fifo::on_process_by_stamp(const transport_packet& packet) {
+    // The first packet after a reset is an anchor, and so is the first packet of each
+    // buffer: the first buffer's second packet therefore anchors at the same time again.
     if (m_bFirst || m_bFirstTimeStamp) {
         if (m_bFirst) {
+            m_bFirst = false;
             m_nSinceAnchor = 0;
             m_nLastIntervalPackets = 0;
+        } else {
+            m_bFirstTimeStamp = false;
         }
-        m_bFirst = false;
-        m_bFirstTimeStamp = false;
         count_anchor(m_tTimeStamp);
         add_to_fifo(packet);
     } else if (append_to_fifo(packet)) {

@@ -48,6 +48,8 @@ TEST_F(ElementLifecycleConcurrency, ReleasedWhilePlayingStopsOutputFirst) {
     const int threads = kvtest::thread_count();
     g_object_set(el, "latency", 0u, nullptr);
     play();
+    const kvtest::ts_stream s = kvtest::pcr_stream(1);
+    push_packets(s, 0, s.packets());
     ASSERT_TRUE(eventually([&] { return counters().frames_sent > 10; }));
     ASSERT_EQ(kvtest::thread_count(), threads + 1);
 

@@ -55,7 +55,10 @@ TEST(ElementPlugin, RegistrationPadAndPropertyTable) {
         {"statistics", G_TYPE_POINTER, G_PARAM_READABLE, 0, 0, 0},
         {"alarm-source-name", G_TYPE_STRING, rw, 0, 0, 0},
         {"alarm-manager", G_TYPE_POINTER, G_PARAM_WRITABLE, 0, 0, 0},
+        {"pll-limit", G_TYPE_UINT, rw, 0, 1000, 100},
     };
+    // A sink, so that a bin waits for its end of stream.
+    EXPECT_TRUE(GST_OBJECT_FLAG_IS_SET(el, GST_ELEMENT_FLAG_SINK));
     guint n = 0;
     GParamSpec** all = g_object_class_list_properties(G_OBJECT_GET_CLASS(el), &n);
     std::vector<GParamSpec*> own;
@@ -105,11 +108,14 @@ TEST_F(ElementTest, PropertiesStartAtTheirDefaultsAndKeepTheirValues) {
     g_free(node);
     gst_object_unref(fresh);
 
+    guint pll_limit = 0;
     g_object_set(el, "pll", TRUE, "latency", 10000u, "time-control", 1u, "reset-when-empty", TRUE,
-                 "buffer-size", G_MAXUINT, nullptr);
+                 "buffer-size", G_MAXUINT, "pll-limit", 0u, nullptr);
     g_object_get(el, "pll", &pll, "latency", &latency, "time-control", &time_control,
-                 "reset-when-empty", &reset_when_empty, "buffer-size", &capacity, nullptr);
+                 "reset-when-empty", &reset_when_empty, "buffer-size", &capacity, "pll-limit",
+                 &pll_limit, nullptr);
     EXPECT_TRUE(pll);
+    EXPECT_EQ(pll_limit, 0u);
     EXPECT_EQ(std::make_tuple(latency, capacity, time_control, reset_when_empty),
               std::make_tuple(10000u, G_MAXUINT, 1u, TRUE));
 

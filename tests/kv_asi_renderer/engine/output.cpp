@@ -83,7 +83,7 @@ TEST_F(EngineTest, ConstantRateStreamLeavesTheLineOnceInOrderAtItsTimes) {
         last = stamp;
     }
     EXPECT_EQ(wrong, 0u);
-    EXPECT_EQ(minGap, 190u);  // packets waiting behind another follow after two idle words
+    EXPECT_GE(minGap, 569u);  // nothing piles up: every packet at its own time
     std::remove(capture.c_str());
 }
 
@@ -148,6 +148,7 @@ TEST_F(EngineTest, FifoResetRequestsAreReportedAndCountedOnce) {
         SCOPED_TRACE(rc.text);
         add_board();  // fresh counters
         print_log::clear();
+        engine.reset_statistics();
         ASSERT_TRUE(engine.init(kNode, rc.capacityPackets * kPacket, 0, stamp_time_type, false,
                                 rc.resetWhenEmpty));
         push_packets(ts, 0, 200, 20000);  // 400 ms

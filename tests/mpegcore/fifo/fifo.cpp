@@ -133,22 +133,64 @@ TEST(FifoPcr, CaptureMatchesIndependentTimes) {
     }
 }
 
-TEST(FifoPcr, GapRule) {
-    // 2 s less one unit passes; exactly 2 s and any step back (taken as a wrap) fail.
-    const int64_t p0 = 2700000000;
-    for (const int64_t next : {p0 + 53999998, p0 + 54000000, p0 - 27}) {
-        const bool ok = next == p0 + 53999998;
+// Six PCR intervals of 40 ms (ten packets each, 40,000 units a packet), the fourth PCR
+// changed. A flagged discontinuity or a step of 2 s or more either way is placed right
+// behind the previous anchor, exactly where an unchanged stream would have been; only the
+// unflagged one is reported. A smaller step stays a step (back is not a wrap), and a real
+// wrap of the 33-bit counter goes on. End of stream times the tail at the last step, and
+// an emptied FIFO is no failure after it. Nothing is ever dropped.
+TEST(FifoPcr, TimeBaseChangesAndEndOfStreamKeepEveryPacket) {
+    constexpr int64_t kPeriod = (int64_t(1) << 33) * 300;
+    const int64_t p0 = 2700000000, top = kPeriod - 3 * 1080000 + 270;
+    const struct {
+        const char* label;
+        int64_t first, jump;
+        bool flagged, notice;
+        int64_t shift;  // units the PCRs from the fourth on are off an unchanged stream
+    } cases[] = {
+        {"unchanged", p0, 0, false, false, 0},
+        {"flagged, 10 s back", p0, -270000000, true, false, 0},
+        {"flagged, 0.1 ms on", p0, 2700, true, false, 0},
+        {"3 s ahead", p0, 81000000, false, true, 0},
+        {"3 s back", p0, -81000000, false, true, 0},
+        {"2 s less a tick ahead", p0, 52919999, false, false, 19599999},
+        {"100 ms back", p0, -2700000, false, false, -1000000},
+        {"wrap", top, 0, false, false, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.label);
         ts_test::Bytes ts;
-        add_packet(ts, 0x100, 0, p0);
-        add_packet(ts, 0x100, 1, next);
-        add_packet(ts, 0x100, 2);
+        for (uint32_t i = 0; i < 60; ++i) {
+            const int64_t k = i / 10;
+            const int64_t pcr = c.first + k * 1080000 + (k >= 3 ? c.jump : 0);
+            add_packet(ts, 0x100, i, i % 10 ? -1 : pcr % kPeriod);
+            if (i == 30 && c.flagged) {
+                ts[ts.size() - kPkt + 5] |= 0x80;  // discontinuity_indicator
+            }
+        }
         kv_mpegts_fifo fifo;
-        ASSERT_TRUE(fifo.create(10 * kPkt, kPkt, nullptr, pcr_time_type, true));
+        ASSERT_TRUE(fifo.create(100 * kPkt, kPkt, nullptr, pcr_time_type, true));
         fifo.push_data(0, ts.data(), ts.size());
-        EXPECT_EQ(fifo.is_reset(), !ok);
-        EXPECT_FALSE(fifo.is_underflow() || fifo.is_overflow());
-        EXPECT_EQ(fifo.get_error(), ok ? "" : "Large gap in flow time");
-        EXPECT_EQ(pull(fifo, kEnd).size(), ok ? 1u : 0u);
+        EXPECT_EQ(fifo.take_time_base_notice(), c.notice);
+        EXPECT_FALSE(fifo.take_time_base_notice());
+        EXPECT_EQ(fifo.get_error(), c.notice ? "Large gap in flow time" : "");
+        EXPECT_FALSE(fifo.is_reset());
+        EXPECT_FALSE(fifo.is_ended());
+        EXPECT_EQ(pull(fifo, kEnd).size(), 50u);  // the last anchor waits for a next one
+        fifo.end_of_stream();
+        EXPECT_TRUE(fifo.is_ended());
+        const std::vector<timed> tail = pull(fifo, kEnd);
+        ASSERT_EQ(tail.size(), 10u);
+        const int64_t t50 = units(c.first) + 5 * 400000 + c.shift;
+        for (uint32_t i = 0; i < 10; ++i) {
+            EXPECT_EQ(tail[i], timed(t50 + i * 40000, 50 + i));
+        }
+        EXPECT_EQ(fifo.get_anchor_interval(), c.shift > 0 ? 400000 + c.shift : 400000);
+        EXPECT_TRUE(pull(fifo, kEnd).empty());
+        EXPECT_FALSE(fifo.is_reset()) << "emptied after the end: no failure";
+        fifo.reset();
+        EXPECT_FALSE(fifo.is_ended());
+        EXPECT_EQ(fifo.get_anchor_interval(), 0);
     }
 }
 

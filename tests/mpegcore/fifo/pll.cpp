@@ -74,4 +74,46 @@ TEST(Pll, LocksStreamRunning50ppmOff) {
     }
 }
 
+// The stream stops for 10 s while the device clock runs on (a pause), after the loop has
+// locked onto a stream 50 ppm fast. Resumed as is, the phase error of 10 s would make the
+// correction slew without end; the bound holds its rate to 100 ppm. Relocked at the
+// resume (as the output does when it anchors again), the corrected time line goes on
+// without a step and the loop starts from there.
+TEST(Pll, BoundedCorrectionAndRelockAcrossAPause) {
+    for (const bool relock : {false, true}) {
+        SCOPED_TRACE(relock ? "relock" : "no relock");
+        kv_pll pll;
+        const int64_t sys0 = 123456789, str0 = 987654321, pause = 100000000;
+        long double worst_rate = 0, last_reg = 0;
+        int64_t last_sys = sys0, last_out = 0;
+        for (int64_t k = 0; k <= 50 * 900; ++k) {
+            const bool after = k > 50 * 600;
+            const int64_t dsys = k * 200000 + (after ? pause : 0);
+            const int64_t dstr = std::llround(double(k * 200000) * (1 + 50e-6));
+            if (relock && k == 50 * 600 + 1) {
+                pll.relock();
+            }
+            const int64_t out = pll.set_stamp(sys0 + dsys, str0 + dstr);
+            if (k > 1) {
+                const long double dreg = pll.get_regulator() + pll.get_offset() - last_reg;
+                worst_rate = std::max(worst_rate, std::fabs(dreg) * 1e7L / (sys0 + dsys - last_sys));
+            }
+            if (relock && k == 50 * 600 + 1) {
+                EXPECT_NEAR(double(out - last_out), 200010, 2) << "no step at the relock";
+            }
+            last_reg = pll.get_regulator() + pll.get_offset();
+            last_sys = sys0 + dsys;
+            last_out = out;
+        }
+        EXPECT_LE(worst_rate, 100e-6L + 1e-9L);
+        // Relocked, the loop goes back to pulling the fast stream in; otherwise it chases
+        // the pause, at no more than the bound's rate.
+        if (relock) {
+            EXPECT_LT(pll.get_regulator(), 0.0L);
+        } else {
+            EXPECT_GT(pll.get_regulator(), 5e-3L);
+        }
+    }
+}
+
 }  // namespace

@@ -368,18 +368,19 @@ void kv_mpegts_fifo::copy_to_use() {
         return;
     }
     const int64_t first = m_listTmpItems.front()->time();
-    const int64_t last = m_listTmpItems.back()->time();
-    // Spread by position, not by bytes; the step truncates toward zero.
-    const int64_t step = (last - first) / static_cast<int64_t>(n - 1);
+    const int64_t span = m_listTmpItems.back()->time() - first;
+    const int64_t count = static_cast<int64_t>(n - 1);
 
+    // Spread by position, not by bytes. Each time is the exact share of the interval
+    // (truncated on its own): a step truncated once and added up would run up to a
+    // unit per packet early, which a stream at the line's limit cannot absorb.
     recursive_lock lock(m_csItems);
-    int64_t t = first;
-    while (m_listTmpItems.size() > 1) {
+    for (int64_t i = 0; m_listTmpItems.size() > 1; ++i) {
         std::unique_ptr<kv_mpegts_item> item = std::move(m_listTmpItems.front());
         m_listTmpItems.pop_front();
+        const int64_t t = first + span * i / count;
         item->set_time(t);
         m_tStopFifo.store(t, std::memory_order_relaxed);
-        t += step;
         m_listItems.push_back(std::move(item));
     }
     update_start_stop();

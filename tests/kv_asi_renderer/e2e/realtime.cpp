@@ -53,7 +53,7 @@ TEST_F(WireRealTime, GeneratedStreamsPacedByPcrKeepEveryPacketAndPcrAccuracy) {
         const ts_stream s = kvtest::generated(rate, 2);
         const wire::outcome o = run(wire::settings(), [&] { feed_realtime(s); });
         const kv_asi_analyze::report all =
-            check_packets(o, s, s.pcr_packets.front(), s.packets());
+            check_packets(o, s, s.pcr_packets.front(), s.pcr_packets.back());
         // End of stream was not sent: the last PCR packet waits for a next one.
         EXPECT_EQ(all.source.unsent_tail, 1u);
         const kv_asi_analyze::pcr_report p =
@@ -93,7 +93,7 @@ TEST_F(WireRealTime, SmallLatenciesAreRaisedAndNoPacketIsLate) {
         wire::settings st;
         st.latency_ms = latency;
         const wire::outcome o = run(st, [&] { feed_realtime(s); });
-        check_packets(o, s, s.pcr_packets.front(), s.packets());
+        check_packets(o, s, s.pcr_packets.front(), s.pcr_packets.back());
         TearDown();
         SetUp();
     }

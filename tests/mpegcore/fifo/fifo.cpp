@@ -49,7 +49,8 @@ std::vector<timed> pull(kv_mpegts_fifo& fifo, int64_t tTo) {
 
 TEST(FifoPcr, AnchorsInterpolationAndWindow) {
     // Three packets before the first PCR are dropped; a PCR on PID 0x200 is a plain packet.
-    // Anchor spacings make the per-packet step truncate.
+    // Anchor spacings that do not divide by the packets between them: each time is its
+    // own share of the interval, truncated, so no error adds up along it.
     const int64_t pcr[] = {27000000, 27270070, 27540139, 27810000};
     ts_test::Bytes ts;
     uint32_t tag = 0;
@@ -69,15 +70,15 @@ TEST(FifoPcr, AnchorsInterpolationAndWindow) {
             EXPECT_TRUE(pull(fifo, kEnd).empty());
             fifo.push_data(0, ts.data() + ts.size() - kPkt, kPkt);
         }
-        const int64_t t0 = units(pcr[a]), step = (units(pcr[a + 1]) - t0) / 10;
+        const int64_t t0 = units(pcr[a]), span = units(pcr[a + 1]) - t0;
         EXPECT_EQ(fifo.get_front_time(), t0);
         // Due exactly at the window end goes; one unit before it nothing does.
         EXPECT_TRUE(pull(fifo, t0 - 1).empty());
         std::vector<timed> expected;
         for (int i = 0; i < 10; ++i) {
-            expected.emplace_back(t0 + i * step, 3 + 10 * a + i);
+            expected.emplace_back(t0 + span * i / 10, 3 + 10 * a + i);
         }
-        EXPECT_EQ(pull(fifo, t0 + 9 * step), expected);
+        EXPECT_EQ(pull(fifo, t0 + span * 9 / 10), expected);
     }
     EXPECT_FALSE(fifo.is_reset());
 }
@@ -122,9 +123,10 @@ TEST(FifoPcr, CaptureMatchesIndependentTimes) {
         ASSERT_EQ(items.size(), anchors.back().first - anchors.front().first) << name;
         for (size_t a = 0, k = 0; a + 1 < anchors.size(); ++a) {
             const size_t span = anchors[a + 1].first - anchors[a].first;
-            const int64_t step = (anchors[a + 1].second - anchors[a].second) / int64_t(span);
+            const int64_t d = anchors[a + 1].second - anchors[a].second;
             for (size_t i = 0; i < span; ++i, ++k) {
-                ASSERT_EQ(items[k]->time(), anchors[a].second + int64_t(i) * step) << name << k;
+                ASSERT_EQ(items[k]->time(), anchors[a].second + d * int64_t(i) / int64_t(span))
+                    << name << k;
                 ASSERT_EQ(
                     0, std::memcmp(items[k]->get_data(), &ts[(anchors[a].first + i) * kPkt], kPkt));
             }
@@ -281,7 +283,7 @@ TEST(FifoStamp, BufferTimesAnchorFirstPackets) {
     }
     kv_mpegts_fifo fifo;
     ASSERT_TRUE(fifo.create(20 * kPkt, kPkt, nullptr, stamp_time_type, true));
-    // Stamps going backwards: the step truncates toward zero, (93 - 100) / 2 = -3.
+    // Stamps going backwards: shares truncate toward zero, (93 - 100) * 1 / 2 = -3.
     fifo.push_data(100, ts.data(), 3 * kPkt);
     fifo.push_data(93, ts.data() + 3 * kPkt, kPkt);
     // A buffer with no whole packet: its completed packet takes the next buffer's time.

@@ -187,33 +187,24 @@ private:
 };
 
 // Finds the first word of a frame whose time has reached a due time, without walking
-// the words: for a time line that does not wrap, word i has the time tBegin + q(i) with
-// q(i) = floor(D * i / N), so q(i) >= r exactly when D * i >= r * N. A floating-point
+// the words: word i has the time tBegin + q(i) with q(i) = floor(D * i / N), so with
+// r = tDue - tBegin, q(i) >= r exactly when D * i >= r * N. A floating-point
 // estimate of the smallest such i is corrected by exact 128-bit comparisons.
 class due_word_finder {
 public:
     due_word_finder(uint64_t tBegin, uint64_t tEnd, uint64_t nSamples, size_t nWords)
         : m_tBegin(tBegin),
-          m_tEnd(tEnd),
           m_nSpan(tEnd - tBegin),
           m_nSamples(nSamples),
           m_nWords(nWords),
-          m_bWraps(tEnd < tBegin),
           m_dRatio(m_nSpan == 0 ? 0.0
                                 : static_cast<double>(nSamples) / static_cast<double>(m_nSpan)) {}
 
-    // Smallest word index i in [i0, nWords) with index_to_time(i) >= tDue, or nWords.
+    // Smallest word index i in [i0, nWords) whose time has reached tDue, or nWords. Times
+    // are compared by their difference, so a time line that crosses zero (or 2^64) inside
+    // a frame orders its words and items as it should.
     size_t find(size_t i0, uint64_t tDue) const {
-        if (m_bWraps) {
-            // Times run past 2^64 inside the frame and are not monotonic: look word by word.
-            for (size_t i = i0; i < m_nWords; ++i) {
-                if (kv_asi_frame_filler::index_to_time(m_tBegin, m_tEnd, i, m_nSamples) >= tDue) {
-                    return i;
-                }
-            }
-            return m_nWords;
-        }
-        if (tDue <= m_tBegin) {
+        if (static_cast<int64_t>(tDue - m_tBegin) <= 0) {
             return i0;
         }
         if (m_nSpan == 0) {
@@ -239,11 +230,9 @@ public:
 
 private:
     uint64_t m_tBegin;
-    uint64_t m_tEnd;
     uint64_t m_nSpan;  // tEnd - tBegin
     uint64_t m_nSamples;
     size_t m_nWords;
-    bool m_bWraps;
     double m_dRatio;  // words per time unit
 };
 

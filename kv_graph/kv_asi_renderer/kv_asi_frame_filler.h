@@ -18,7 +18,8 @@
 //
 // Word i of a frame [tBegin, tEnd) of N words has the time index_to_time(tBegin, tEnd, i,
 // N). Each packet starts at the first word whose time has reached its due time (late
-// packets at once), and every packet is followed by exactly two idle words; all other
+// packets at once; times are compared by their difference, so a time line may cross
+// zero), and every packet is followed by exactly two idle words; all other
 // words are idle. A pending carry is sent from the first word of the next frame that is
 // filled, whatever its time.
 //

@@ -46,7 +46,7 @@ struct reference_filler {
             }
             if (cursor == nullptr) {
                 const auto t = tBegin + uint64_t((unsigned __int128)(tEnd - tBegin) * i / n);
-                if (it == items.end() || t < uint64_t((*it)->m_tStamp)) {
+                if (it == items.end() || int64_t(t - uint64_t((*it)->m_tStamp)) < 0) {
                     return 0;
                 }
                 const kv_mpegts_item& item = **it++;

@@ -132,11 +132,38 @@ void kv_mpegts_fifo::push_data(int64_t tTime, const uint8_t* pData, size_t nSize
     if (m_bNeedReset.load(std::memory_order_relaxed)) {
         return;
     }
-    if (m_time_control == stamp_time_type) {
-        m_tTimeStamp = time_to_pll(tTime);
-        m_bFirstTimeStamp = true;
+    if (m_time_control != stamp_time_type) {
+        Process(pData, nSize);
+        return;
     }
+    // A buffer's time is the due time of its last packet: that is when the packet that
+    // completes the buffer was stamped upstream (a timestamping parser at the PCR that
+    // ends the buffer, a network source at arrival).
+    m_tTimeStamp = time_to_pll(tTime);
+    m_bFirstTimeStamp = true;
+    const size_t nBefore = m_nSinceAnchor;
     Process(pData, nSize);
+    if (m_nSinceAnchor > nBefore && !m_bNeedReset.load(std::memory_order_relaxed)) {
+        stamp_last_packet();
+    }
+}
+
+void kv_mpegts_fifo::stamp_last_packet() {
+    m_bFirstTimeStamp = false;
+    const bool bFirst = m_bFirst;
+    m_bFirst = false;
+    if (bFirst) {
+        m_nLastIntervalPackets = 0;
+        m_nSinceAnchor = 0;  // the packets before the first anchor are timed backwards
+    }
+    count_anchor(m_tTimeStamp);
+    m_nSinceAnchor = 0;
+    if (m_pItem) {
+        m_pItem->set_time(m_tTimeStamp);  // it completes with the next buffer's bytes
+    } else if (!m_listTmpItems.empty()) {
+        m_listTmpItems.back()->set_time(m_tTimeStamp);
+        copy_to_use();
+    }
 }
 
 void kv_mpegts_fifo::OnProcess(unsigned int /*index*/, transport_packet& packet) {
@@ -246,19 +273,7 @@ void kv_mpegts_fifo::on_process_by_pcr(const transport_packet& packet) {
 }
 
 void kv_mpegts_fifo::on_process_by_stamp(const transport_packet& packet) {
-    // The first packet after a reset is an anchor, and so is the first packet of each
-    // buffer: the first buffer's second packet therefore anchors at the same time again.
-    if (m_bFirst || m_bFirstTimeStamp) {
-        if (m_bFirst) {
-            m_bFirst = false;
-            m_nSinceAnchor = 0;
-            m_nLastIntervalPackets = 0;
-        } else {
-            m_bFirstTimeStamp = false;
-        }
-        count_anchor(m_tTimeStamp);
-        add_to_fifo(packet);
-    } else if (append_to_fifo(packet)) {
+    if (append_to_fifo(packet)) {
         ++m_nSinceAnchor;
     }
 }
@@ -364,18 +379,25 @@ bool kv_mpegts_fifo::append_to_fifo(const transport_packet& packet) {
 
 void kv_mpegts_fifo::copy_to_use() {
     const size_t n = m_listTmpItems.size();
-    if (n < 2) {
+    // The oldest waiting item is the previous anchor, except at the start of stamp
+    // pacing, where the first buffer's packets before its last one wait untimed.
+    size_t a = 0;
+    while (a < n && !m_listTmpItems[a]->has_time()) {
+        ++a;
+    }
+    if (a + 1 >= n) {
         return;
     }
-    const int64_t first = m_listTmpItems.front()->time();
+    const int64_t first = m_listTmpItems[a]->time();
     const int64_t span = m_listTmpItems.back()->time() - first;
-    const int64_t count = static_cast<int64_t>(n - 1);
+    const int64_t count = static_cast<int64_t>(n - 1 - a);
 
     // Spread by position, not by bytes. Each time is the exact share of the interval
     // (truncated on its own): a step truncated once and added up would run up to a
-    // unit per packet early, which a stream at the line's limit cannot absorb.
+    // unit per packet early, which a stream at the line's limit cannot absorb. Untimed
+    // items before the anchor go back from it at the same rate.
     recursive_lock lock(m_csItems);
-    for (int64_t i = 0; m_listTmpItems.size() > 1; ++i) {
+    for (int64_t i = -static_cast<int64_t>(a); m_listTmpItems.size() > 1; ++i) {
         std::unique_ptr<kv_mpegts_item> item = std::move(m_listTmpItems.front());
         m_listTmpItems.pop_front();
         const int64_t t = first + span * i / count;

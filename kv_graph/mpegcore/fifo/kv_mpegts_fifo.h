@@ -30,9 +30,10 @@ enum kv_fifo_time_control : int32_t {
 // stores them in items (blocks of the configured item size carved once from a memory
 // reservation and recycled afterwards) and gives every item a due time on the output
 // clock, in 100 ns units. Anchors carry a time of their own: a PCR of the pacing PID
-// (the first PID seen with a PCR), or the first packet of each pushed buffer in stamp
-// pacing; with a clock, anchor times go through a PLL that locks the stream to the
-// clock. Items between two anchors are spread evenly over the anchors' interval, so an
+// (the first PID seen with a PCR), or the last packet of each pushed buffer in stamp
+// pacing (a buffer's time is that of the packet that completes it, as a timestamping
+// parser or a network source stamps it); with a clock, anchor times go through a PLL
+// that locks the stream to the clock. Items between two anchors are spread evenly over the anchors' interval, so an
 // item becomes visible to get_data() only once the following anchor has arrived.
 //
 // Time-base changes keep the stream: a PCR discontinuity that the stream flags
@@ -132,6 +133,8 @@ private:
 
     void on_process_by_pcr(const transport_packet& packet);
     void on_process_by_stamp(const transport_packet& packet);
+    // Stamp pacing: the last packet stored from the pushed buffer takes its time.
+    void stamp_last_packet();
     // Stores an anchor packet and stamps its item with m_tTimeStamp.
     bool add_to_fifo(const transport_packet& packet);
     // Stores a packet without a time of its own.
@@ -199,7 +202,7 @@ private:
     std::string m_strError;
     std::atomic<bool> m_bFifoUnderflow{false};
     std::atomic<bool> m_bFifoOverflow{false};
-    bool m_bFirstTimeStamp = false;           // a buffer time waits for its first packet
+    bool m_bFirstTimeStamp = false;           // a buffer time waits for a packet to stamp
     std::atomic<bool> m_bResetStream{false};  // reset() left the producer's share pending
     std::atomic<bool> m_bEnded{false};
     std::atomic<bool> m_bTimeBaseNotice{false};

@@ -75,7 +75,7 @@ TEST_F(WireRealTime, DriverSequenceStartDoesNotShiftTheLine) {
         wire::settings st;
         st.first_sequence = first_sequence;
         const wire::outcome o = run(st, [&] { feed_realtime(s); });
-        wire::pcr_accuracy(check_packets(o, s, s.pcr_packets.front(), s.packets()), s,
+        wire::pcr_accuracy(check_packets(o, s, s.pcr_packets.front(), s.pcr_packets.back()), s,
                            "first sequence " + std::to_string(first_sequence),
                            wire::kPcrPacingLimitNs);
         TearDown();

@@ -316,15 +316,16 @@ protected:
     }
 
     // Pushes packets [first, last) in buffers of 7, each when the monotonic clock reaches
-    // origin + the time of its first packet (a default origin lies in the past: at once),
+    // origin + the time of its last packet (a default origin lies in the past: at once),
     // stamped with that time plus one second (unless tsparse stamps them).
     void feed(const ts_stream& s, size_t first, size_t last, steady::time_point origin = {}) {
         for (size_t i = first; i < last; i += kBufferPackets) {
-            std::this_thread::sleep_until(origin + std::chrono::nanoseconds(s.time_ns[i]));
-            GstBuffer* b =
-                gst_buffer_new_memdup(s.packet(i), std::min(kBufferPackets, last - i) * 188);
+            const size_t n = std::min(kBufferPackets, last - i);
+            const int64_t t = s.time_ns[i + n - 1];
+            std::this_thread::sleep_until(origin + std::chrono::nanoseconds(t));
+            GstBuffer* b = gst_buffer_new_memdup(s.packet(i), n * 188);
             if (!m_settings.tsparse) {
-                GST_BUFFER_PTS(b) = GST_BUFFER_DTS(b) = GstClockTime(s.time_ns[i] + GST_SECOND);
+                GST_BUFFER_PTS(b) = GST_BUFFER_DTS(b) = GstClockTime(t + GST_SECOND);
             }
             push(b);
         }

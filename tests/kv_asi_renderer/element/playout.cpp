@@ -69,7 +69,7 @@ TEST_F(ElementTest, StateChangesOpenStartStopAndCloseTheDevice) {
     EXPECT_EQ(kvtest::open_fd_count(), fds);
 }
 
-// Stamp pacing puts every buffer's first packet at the buffer's time: the captured line
+// Stamp pacing puts every buffer's last packet at the buffer's time: the captured line
 // shows which time the element took from each buffer and how it scaled it.
 TEST_F(ElementTest, BuffersAreStampedWithDtsElsePtsIn100nsUnits) {
     const std::string capture = "/tmp/kv-element-" + std::to_string(getpid()) + ".cap";
@@ -82,7 +82,7 @@ TEST_F(ElementTest, BuffersAreStampedWithDtsElsePtsIn100nsUnits) {
         GstClockTime dts, pts;
         uint64_t units;
     } bufs[] = {
-        // DTS 0 is a valid DTS: were the PTS taken, every later buffer would be late.
+        // DTS 0 is a valid DTS: were the PTS taken, this buffer would come after the rest.
         {0, 10000 * ms, 0},
         {none, 153456789, 1534567},     // no DTS: the PTS, truncated to 100 ns
         {210 * ms, 900 * ms, 2100000},  // both: the DTS
@@ -105,8 +105,8 @@ TEST_F(ElementTest, BuffersAreStampedWithDtsElsePtsIn100nsUnits) {
         ASSERT_EQ(gst_harness_push(h, buf), GST_FLOW_OK);
     }
     ASSERT_EQ(set_state(GST_STATE_PLAYING), GST_STATE_CHANGE_SUCCESS);
-    // The last buffer's packets wait for a following stamp that never comes.
-    const uint64_t expected = (std::size(bufs) - 1) * kPackets;
+    // The last packet waits for a following stamp that never comes.
+    const uint64_t expected = std::size(bufs) * kPackets - 1;
     ASSERT_TRUE(eventually([&] { return counters().packets >= expected; }));
     ASSERT_EQ(set_state(GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
 
@@ -114,19 +114,18 @@ TEST_F(ElementTest, BuffersAreStampedWithDtsElsePtsIn100nsUnits) {
     const std::vector<uint8_t> rec(std::istreambuf_iterator<char>(in), {});
     unlink(capture.c_str());
     ASSERT_EQ(rec.size(), expected * 192);
-    // Line word of the first packet of buffer b (records are in sending order).
-    auto first_word = [&](size_t b) -> int64_t {
-        const uint8_t* r = &rec[b * kPackets * 192];
+    // Line word of the last packet of buffer b (records are in sending order).
+    auto last_word = [&](size_t b) -> int64_t {
+        const uint8_t* r = &rec[(b * kPackets + kPackets - 1) * 192];
         EXPECT_EQ(r[4 + 4], b);
-        EXPECT_EQ(r[4 + 5], 0);
+        EXPECT_EQ(r[4 + 5], kPackets - 1);
         return r[0] << 24 | r[1] << 16 | r[2] << 8 | r[3];
     };
     // 27 words per microsecond: a packet due at t (100 ns units) starts at the first word
     // reaching t. Compared between buffers, so the line's origin cancels out.
     auto word_at = [](uint64_t units) { return static_cast<int64_t>((units * 27 + 9) / 10); };
-    EXPECT_EQ(first_word(0), 0);
-    for (size_t b = 2; b + 1 < std::size(bufs); ++b) {
-        EXPECT_EQ(first_word(b) - first_word(1), word_at(bufs[b].units) - word_at(bufs[1].units))
+    for (const size_t b : {0, 2, 3}) {
+        EXPECT_EQ(last_word(b) - last_word(1), word_at(bufs[b].units) - word_at(bufs[1].units))
             << "buffer " << b;
     }
 }

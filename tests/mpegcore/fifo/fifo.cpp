@@ -276,22 +276,28 @@ TEST(FifoFailures, ResetKeepsPartlyFilledItem) {
     fifo.revert(items);
 }
 
-TEST(FifoStamp, BufferTimesAnchorFirstPackets) {
+// A buffer's time is that of its last packet; the packets before it follow from the
+// previous buffer's last packet, the first buffer's go back from it at the next
+// interval's rate. Stamps may run backwards. A buffer with no whole packet stamps
+// nothing: its packet is completed and stamped by the next buffer.
+TEST(FifoStamp, BufferTimesAnchorLastPackets) {
     ts_test::Bytes ts;
     for (uint32_t i = 0; i < 8; ++i) {
         add_packet(ts, 0x100, i);
     }
     kv_mpegts_fifo fifo;
     ASSERT_TRUE(fifo.create(20 * kPkt, kPkt, nullptr, stamp_time_type, true));
-    // Stamps going backwards: shares truncate toward zero, (93 - 100) * 1 / 2 = -3.
     fifo.push_data(100, ts.data(), 3 * kPkt);
     fifo.push_data(93, ts.data() + 3 * kPkt, kPkt);
-    // A buffer with no whole packet: its completed packet takes the next buffer's time.
     fifo.push_data(500, ts.data() + 4 * kPkt, 100);
     fifo.push_data(600, ts.data() + 4 * kPkt + 100, 2 * kPkt - 100);
     fifo.push_data(700, ts.data() + 6 * kPkt, 2 * kPkt);
     EXPECT_EQ(pull(fifo, kEnd),
-              (std::vector<timed>{{100, 0}, {100, 1}, {97, 2}, {93, 3}, {600, 4}, {650, 5}}));
+              (std::vector<timed>{
+                  {114, 0}, {107, 1}, {100, 2}, {93, 3}, {346, 4}, {600, 5}, {650, 6}}));
+    EXPECT_EQ(fifo.get_anchor_interval(), 507);
+    fifo.end_of_stream();  // the last anchor waited for a next one only
+    EXPECT_EQ(pull(fifo, kEnd), (std::vector<timed>{{700, 7}}));
 }
 
 }  // namespace

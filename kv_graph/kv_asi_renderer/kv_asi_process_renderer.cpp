@@ -340,10 +340,12 @@ void kv_asi_process_renderer::work_thread(std::future<void>&& fExit) {
             m_tLastDataEnd = tEnd;
         }
         // End of stream: once everything stored has been handed out and the frame that
-        // carried the last packet has left the device, the stream is on the line.
+        // carried the last packet has been handed back by the driver, and one frame more
+        // (a driver may hand a buffer back while its last words are still going out),
+        // the stream is on the line.
         if (bEnding && m_fifo.is_ended() && m_filler.get_carry_size() == 0 &&
             m_fifo.get_back_time() <= static_cast<int64_t>(tFrameEnd) &&
-            tBegin - uint64_t{nAhead} * kFrameTime >= m_tLastDataEnd) {
+            tBegin - uint64_t{nAhead} * kFrameTime >= m_tLastDataEnd + kFrameTime) {
             m_bEosPosted = true;
             if (m_onEos) {
                 m_onEos();

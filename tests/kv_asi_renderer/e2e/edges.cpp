@@ -156,7 +156,7 @@ TEST_F(WireEdges, EndOfStreamPlaysTheTailThenPostsEos) {
     EXPECT_EQ(all.source.unsent_head, s.pcr_packets.front());
     EXPECT_EQ(all.source.unsent_tail, 0u) << "the last source packet is on the line";
     // The tail goes at the last interval's rate: as evenly spaced as the rest.
-    const wire::lateness late = wire::packet_lateness(line.records, more, s.pcr_packets.front());
+    const wire::lateness late = wire::packet_lateness(line.records, s, s.pcr_packets.front());
     EXPECT_EQ(late.matched, all.source.matched);
     EXPECT_LE(late.max_ns, 1e6);
 }

@@ -172,17 +172,16 @@ TEST(AsiAnalyze, CommandLineResultsAndBadFiles) {
     const std::string good = write_file("good.cap", bytes);
     const std::string source = write_file("source.ts", c.ts);
     std::string out, err;
-    EXPECT_EQ(kv_asi_analyze::run({good, "--start-up", "0"}, out, err), 0);
+    // By default the whole line counts, from its first PCR.
+    EXPECT_EQ(kv_asi_analyze::run({good}, out, err), 0);
     EXPECT_EQ(out.find("capture: 400 packets"), 0u) << out;
     EXPECT_NE(out.find("EXCEEDS"), std::string::npos) << out;
-    EXPECT_EQ(kv_asi_analyze::run({good, "--max-pcr-ac", "500", "--start-up", "0"}, out, err), 1);
-    EXPECT_EQ(
-        kv_asi_analyze::run({"--json", good, "--max-pcr-ac", "2000", "--start-up", "0"}, out, err),
-        0);
+    EXPECT_EQ(kv_asi_analyze::run({good, "--max-pcr-ac", "500"}, out, err), 1);
+    EXPECT_EQ(kv_asi_analyze::run({"--json", good, "--max-pcr-ac", "2000"}, out, err), 0);
     EXPECT_NE(out.find("\"packets\": 400"), std::string::npos) << out;
     EXPECT_NE(out.find("\"pcr_ac_ok\": true"), std::string::npos) << out;
-    // By default the line's first ten frames, all of this capture, are left out.
-    EXPECT_EQ(kv_asi_analyze::run({good, "--max-pcr-ac", "500"}, out, err), 0);
+    // Ten frames, all of this capture, left out on request.
+    EXPECT_EQ(kv_asi_analyze::run({good, "--max-pcr-ac", "500", "--start-up", "10"}, out, err), 0);
     EXPECT_NE(out.find("its 80 PCRs left out"), std::string::npos) << out;
     EXPECT_EQ(kv_asi_analyze::run({good, "--start-up", "-1"}, out, err), 2);
     // The capture is the source's first 400 packets.

@@ -590,7 +590,7 @@ int run(const std::vector<std::string>& args, std::string& out, std::string& err
         "usage: kv-asi-analyze CAPTURE [--source FILE.ts] [--json] [--max-pcr-ac NS]\n"
         "                      [--start-up FRAMES]\n"
         "  --start-up FRAMES  20 ms frames at the start of the line left out of the PCR\n"
-        "                     accuracy (10; 0 measures the whole line)\n";
+        "                     accuracy (0, the default: the whole line from its first PCR)\n";
     std::string capture, source;
     bool bJson = false;
     double maxPcrAc = -1;

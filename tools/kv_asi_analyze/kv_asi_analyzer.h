@@ -26,7 +26,7 @@ constexpr uint64_t kWordsPerFrame = 540000;
 // primes six buffers before its first one comes back, and that first one is numbered as
 // the line's seventh frame, so everything before it sits one frame (20 ms) apart from
 // everything after it.
-constexpr unsigned kDefaultStartUpFrames = 10;
+constexpr unsigned kDefaultStartUpFrames = 0;
 
 struct pcr_report {
     uint16_t pid = 0;

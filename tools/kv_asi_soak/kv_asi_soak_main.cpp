@@ -53,6 +53,8 @@ struct options {
     std::string strSink = "renderer";
     int nUdpPort = 5600;
     std::string strPlugin;
+    double pauseAt = 0;   // seconds into the run; 0: no pause
+    double pauseFor = 0;  // seconds in PAUSED
     limits lim;
 };
 
@@ -77,7 +79,9 @@ void usage(FILE* out) {
         "  --max-drift-rate US     FIFO fullness slope allowed over the second half, us/s\n"
         "                          (0: not checked, the default)\n"
         "  --max-rss-growth KIB    RSS growth allowed over the second half (4096)\n"
-        "  --allow-resets          output resets in the second half do not fail\n");
+        "  --allow-resets          output resets in the second half do not fail\n"
+        "  --pause-at S            take the pipelines to PAUSED S seconds into the run\n"
+        "  --pause-for S           and back to PLAYING S seconds later (10)\n");
 }
 
 bool parse_options(int argc, char** argv, options& o) {
@@ -155,6 +159,10 @@ bool parse_options(int argc, char** argv, options& o) {
             if (!value(v))
                 return false;
             o.lim.maxDriftRate = std::atof(v);
+        } else if (a == "--pause-at" || a == "--pause-for") {
+            if (!value(v))
+                return false;
+            (a == "--pause-at" ? o.pauseAt : o.pauseFor) = std::atof(v);
         } else if (a == "--max-rss-growth") {
             if (!value(v))
                 return false;
@@ -173,10 +181,56 @@ bool parse_options(int argc, char** argv, options& o) {
     if (o.bLoop && o.duration <= 0) {
         o.duration = 60;
     }
+    if (o.pauseAt > 0 && o.pauseFor <= 0) {
+        o.pauseFor = 10;
+    }
     if (o.printEvery <= 0) {
         o.printEvery = o.strCsv.empty() ? o.interval : 10;
     }
     return true;
+}
+
+// FIFO depth against the latency: over time (a row a minute), and its range before the
+// pause and from ten seconds after it, so a pause that moved the depth shows.
+void print_depth(const std::vector<element_sample>& samples, const options& o) {
+    const double latencyMs = o.nLatencyMs;
+    auto range = [&](double from, double to) {
+        double lo = 1e18, hi = -1e18;
+        for (const auto& s : samples) {
+            if (s.t >= from && s.t < to && s.tFifo >= 0) {
+                lo = std::min(lo, s.tFifo / 1e4);
+                hi = std::max(hi, s.tFifo / 1e4);
+            }
+        }
+        return std::make_pair(lo, hi);
+    };
+    std::printf("  depth over time (ms, %% of the %u ms latency):", o.nLatencyMs);
+    double next = 0;
+    for (const auto& s : samples) {
+        if (s.t >= next && s.tFifo >= 0) {
+            std::printf(" %.0fs %.0f (%.0f%%)", s.t, s.tFifo / 1e4, s.tFifo / 1e2 / latencyMs);
+            next = s.t + 60;
+        }
+    }
+    std::printf("\n");
+    if (o.pauseAt > 0) {
+        // Settled windows: from the middle of the time before the pause (at most 10 s
+        // after the start) and from 10 s after it, or half the rest of a short run.
+        const double tLast = samples.empty() ? 0 : samples.back().t;
+        const double resume = o.pauseAt + o.pauseFor;
+        const auto before = range(std::min(10.0, o.pauseAt / 2), o.pauseAt);
+        const auto after = range(resume + std::min(10.0, (tLast - resume) / 2), 1e18);
+        if (before.first > before.second || after.first > after.second) {
+            std::printf("  depth around the pause: no samples\n");
+            return;
+        }
+        std::printf(
+            "  depth before the pause %.1f..%.1f ms (%.0f..%.0f %%), settled after it "
+            "%.1f..%.1f ms (%.0f..%.0f %%)\n",
+            before.first, before.second, 100 * before.first / latencyMs,
+            100 * before.second / latencyMs, after.first, after.second,
+            100 * after.first / latencyMs, 100 * after.second / latencyMs);
+    }
 }
 
 std::string node_name(const std::string& pattern, int i) {
@@ -438,6 +492,7 @@ int main(int argc, char** argv) {
     bool bFailed = false;
     double lastPrint = -1e9;
     double tAllEos = -1;
+    bool bPaused = false;
     for (int tick = 1; !g_bStop.load(); ++tick) {
         std::this_thread::sleep_until(t0 + std::chrono::duration_cast<clock::duration>(
                                                std::chrono::duration<double>(tick * o.interval)));
@@ -462,6 +517,16 @@ int main(int argc, char** argv) {
                 gst_message_unref(m);
             }
             gst_object_unref(bus);
+        }
+
+        // The pause: every pipeline to PAUSED and back, sampled on throughout.
+        const bool bPauseDue = o.pauseAt > 0 && t >= o.pauseAt && t < o.pauseAt + o.pauseFor;
+        if (bPauseDue != bPaused) {
+            bPaused = bPauseDue;
+            std::printf("kv-asi-soak: %s at %.1f s\n", bPaused ? "paused" : "resumed", t);
+            for (auto& l : lanes) {
+                gst_element_set_state(l->pipeline, bPaused ? GST_STATE_PAUSED : GST_STATE_PLAYING);
+            }
         }
 
         process_sample p;
@@ -593,6 +658,7 @@ int main(int argc, char** argv) {
         if (!last.strLastError.empty()) {
             std::printf("  last error: %s\n", last.strLastError.c_str());
         }
+        print_depth(l->samples, o);
         std::printf(
             "result: element=%d fifo_end_ms=%.1f fifo_min_half_ms=%.1f "
             "fifo_max_half_ms=%.1f drift_us_per_s=%+.2f drift_half_ms=%+.1f resets=%llu "

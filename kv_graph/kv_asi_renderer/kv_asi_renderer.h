@@ -22,7 +22,9 @@ struct _gstKVASIRenderer;
 // PLAYING to PAUSED pauses output (the line goes idle after what the device has queued,
 // the FIFO keeps filling) and stops the alarms, PAUSED to READY stops the output thread
 // and empties the FIFO, READY to NULL closes everything. End of stream is played out
-// before EOS is posted on the bus; a flush empties the FIFO. Device, FIFO and pacing settings are only stored by the property setters
+// before EOS is posted on the bus; a flush empties the FIFO. "latency" is the time from
+// a packet's arrival to the line, at least the device's read-ahead (a smaller value is
+// raised, with a warning). In stamp pacing a buffer's time is that of its last packet. Device, FIFO and pacing settings are only stored by the property setters
 // and take effect at the next NULL to READY; the alarm source name and the alarm manager
 // go to the dispatcher at once.
 //

@@ -41,10 +41,21 @@ int64_t kv_pll::set_stamp(int64_t llSystemTime, int64_t llStreamTime) {
         return llStreamTime;
     }
     if (m_bRelock) {
-        // The correction reached so far stays; the loop measures its phase from here.
+        m_bRelock = false;
+        if (m_listIRegulator.size() > kIntegralStart) {
+            // A loop that has learnt the rate keeps it: only its phase reference moves,
+            // so that the phase error goes on from its last value, whatever happened to
+            // the stream in between (a pause, a refill).
+            const long double ds = llStreamTime / kUnitsPerSecond - m_dStreamTimeStart;
+            const long double dDif = (llSystemTime / kUnitsPerSecond - m_dSystemTimeStart) -
+                                     (m_dRegulator + ds);
+            m_dSystemTimeStart += dDif - m_dA0;
+            m_nSystemTimeLast = llSystemTime;
+            return to_units(m_dStreamTimeStart + (m_dRegulator + ds) + m_dBase);
+        }
+        // Otherwise the correction reached so far stays and the loop starts over.
         m_dBase += m_dRegulator;
         ResetPLL(llSystemTime, llStreamTime);
-        m_bRelock = false;
         return to_units(llStreamTime / kUnitsPerSecond + m_dBase);
     }
     return SetTimeToPLL(llSystemTime, llStreamTime);
@@ -76,6 +87,7 @@ int64_t kv_pll::SetTimeToPLL(int64_t llSystemTime, int64_t llStreamTime) {
     const long double dSystemTime = llSystemTime / kUnitsPerSecond;
     const long double dDif = (dSystemTime - m_dSystemTimeStart) - (m_dRegulator + ds);
 
+    m_dA0 = dDif;
     const long double f = m_Filter.DigFil(dDif);
     m_dA = f;
     m_dRegulator = m_dRegulator + m_dK * f;

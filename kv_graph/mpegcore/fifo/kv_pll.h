@@ -22,9 +22,11 @@ public:
 
     // Unlocks: the next set_stamp takes its two times as the new origin.
     void reset();
-    // The next set_stamp restarts the lock at its two times, keeping the corrected time
-    // line continuous: the correction reached so far stays as a fixed offset and the loop
-    // starts over from there. For a new phase reference (output anchored anew).
+    // The next set_stamp takes its two times as the loop's new phase reference, keeping
+    // the corrected time line continuous (output anchored anew, after a pause or a
+    // refill). A loop that has run long enough to learn the rate keeps it and goes on
+    // from its last phase error; a younger one keeps its correction as a fixed offset
+    // and starts over.
     void relock() { m_bRelock = true; }
     // Largest change of the correction in one update, as a rate against the device time
     // elapsed since the previous update (1e-4: 100 ppm); 0 or less: unbounded.
@@ -62,6 +64,7 @@ private:
     bool m_bFirstStamp = true;                // the next stamp restarts the lock
     bool m_bRelock = false;                   // the next stamp restarts it, continuously
     long double m_dBase = 0;                  // correction kept from earlier locks, seconds
+    long double m_dA0 = 0;                    // phase error of the last update, seconds
     long double m_dLimit = 1e-4L;             // bound of the correction's rate
 };
 

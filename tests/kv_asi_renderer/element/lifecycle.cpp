@@ -1,5 +1,6 @@
 // Element lifecycles with the output, streaming and application threads all active:
-// repeated play and stop with buffers flowing, and an element released while it plays.
+// repeated play, pause, flush and stop with buffers flowing, and an element released
+// while it plays.
 
 #include "element_fixture.h"
 
@@ -24,10 +25,24 @@ TEST_F(ElementLifecycleConcurrency, PlayAndStopWithBuffersFlowing) {
         // The streaming thread pushes while the application thread reads statistics and
         // then leaves PLAYING under it.
         const uint64_t sent = counters().packets;
-        std::thread upstream([&] { push_packets(s, 0, s.packets()); });
+        // Every other cycle the stream is flushed halfway and output paused and resumed.
+        const bool bEdges = cycle % 2 == 1;
+        const size_t half = s.pcr_packets[s.pcr_packets.size() / 2];
+        std::thread upstream([&] {
+            push_packets(s, 0, half);
+            if (bEdges) {
+                EXPECT_TRUE(gst_harness_push_event(h, gst_event_new_flush_start()));
+                EXPECT_TRUE(gst_harness_push_event(h, gst_event_new_flush_stop(TRUE)));
+            }
+            push_packets(s, half, s.packets());
+        });
         EXPECT_EQ(stats->get_items().size(), 7u);
         EXPECT_EQ(kvtest::statistics(el), stats);
         EXPECT_TRUE(eventually([&] { return counters().packets > sent; }));
+        if (bEdges) {
+            EXPECT_EQ(set_state(GST_STATE_PAUSED), GST_STATE_CHANGE_SUCCESS);
+            EXPECT_EQ(set_state(GST_STATE_PLAYING), GST_STATE_CHANGE_SUCCESS);
+        }
         EXPECT_EQ(set_state(GST_STATE_PAUSED), GST_STATE_CHANGE_SUCCESS);
         upstream.join();
         ASSERT_EQ(set_state(GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);

@@ -497,8 +497,8 @@ int main(int argc, char** argv) {
         std::this_thread::sleep_until(t0 + std::chrono::duration_cast<clock::duration>(
                                                std::chrono::duration<double>(tick * o.interval)));
         const double t = std::chrono::duration<double>(clock::now() - t0).count();
-        // Errors end the run; end-of-stream reaches the bus only from a sink that passes
-        // it on (udpsink); the renderer swallows it and the pad probe sees it instead.
+        // Errors end the run; end-of-stream reaches the bus from udpsink at once and from
+        // the renderer once it has played everything; the pad probe sees it arrive.
         for (auto& l : lanes) {
             GstBus* bus = gst_element_get_bus(l->pipeline);
             while (GstMessage* m = gst_bus_pop_filtered(

@@ -213,6 +213,48 @@ TEST_F(Vboard, SequencesCounterAndCaptureOfAFreeRunningLine) {
     }
 }
 
+// The configured restart of the driver's count happens once, in the first streaming
+// period; STREAMOFF hands every buffer back (sent or not) and the count starts over at
+// the first sequence with the next STREAMON.
+TEST_F(Vboard, SequenceRestartStreamoffAndStreamonAgain) {
+    kv_vboard_config c = config(kNode, true);
+    c.first_sequence = 1000;
+    c.sequence_restart = 3;
+    ASSERT_EQ(kv_vboard_add(&c), 0);
+    host h;
+    ASSERT_EQ(h.open(kNode, false), 0);
+    ASSERT_EQ(h.setup(), 0);
+    const auto sequences = [&](int n) {
+        std::vector<uint32_t> seq;
+        v4l2_buffer b;
+        for (int i = 0; i < n && h.dqbuf(b) == 0; ++i) {
+            seq.push_back(b.sequence);
+        }
+        return seq;
+    };
+    for (uint32_t i = 0; i < 6; ++i) {
+        ASSERT_EQ(h.qbuf(i), 0);
+    }
+    ASSERT_EQ(h.stream(true), 0);
+    EXPECT_EQ(sequences(6), (std::vector<uint32_t>{1000, 1001, 1002, 1000, 1001, 1002}));
+    ASSERT_EQ(h.qbuf(0), 0);
+    ASSERT_EQ(h.qbuf(1), 0);
+    // Sent and done but not dequeued: still handed back by STREAMOFF.
+    ASSERT_EQ(h.stream(false), 0);
+    v4l2_buffer b;
+    EXPECT_EQ(h.dqbuf(b), EINVAL);
+    for (uint32_t i = 0; i < 6; ++i) {
+        ASSERT_EQ(h.qbuf(i), 0) << i;
+    }
+    ASSERT_EQ(h.stream(true), 0);
+    EXPECT_EQ(sequences(6), (std::vector<uint32_t>{1000, 1001, 1002, 1003, 1004, 1005}));
+    // A step back on demand, from the next slot.
+    ASSERT_EQ(kv_vboard_restart_sequence(kNode, 7), 0);
+    ASSERT_EQ(h.qbuf(0), 0);
+    ASSERT_EQ(h.qbuf(1), 0);
+    EXPECT_EQ(sequences(2), (std::vector<uint32_t>{7, 8}));
+}
+
 TEST_F(Vboard, InjectedFaultsAndVanishingNode) {
     kvvb::fault_set f;
     std::string error;

@@ -21,6 +21,8 @@ struct kv_vboard_config {
     double ppm;              /* board clock offset against CLOCK_MONOTONIC (0) */
     int freerun;             /* 1: no wall-clock waits; the clock advances by frames */
     uint32_t counter_start;  /* counter value when the node is opened (0) */
+    uint32_t sequence_restart; /* 0: none; else frame slot N after the first STREAMON carries
+                                  first_sequence again, the count running on from there (0) */
     char capture[512];       /* capture file path ("%i": node index), empty for none */
 };
 
@@ -71,6 +73,10 @@ int kv_vboard_set_counter_value(const char* node, uint32_t value);
 /* The next n frame slots on the line go out idle even if buffers are queued, as if the
  * host had been late: the host sees a sequence gap of n. */
 int kv_vboard_insert_idle_frames(const char* node, uint32_t n);
+/* While streaming: the next frame slot on the line carries sequence value and the count
+ * runs on from there, as a driver that restarts its count does (a value below the
+ * current count steps back). STREAMON restarts the count at first_sequence anyway. */
+int kv_vboard_restart_sequence(const char* node, uint32_t value);
 
 #ifdef __cplusplus
 }

@@ -683,6 +683,13 @@ int board::streamon(int fd, void* arg) {
     m_nStartTicks = now_ticks();
     m_nNextFrame = 0;
     m_nActive = -1;
+    // The count starts over at every STREAMON; the configured restart happens once.
+    m_nSeqRestartFrame = UINT64_MAX;
+    if (m_bFirstStreamon && m_cfg.sequence_restart > 0) {
+        m_nSeqRestartFrame = m_cfg.sequence_restart;
+        m_nSeqRestartValue = m_cfg.first_sequence;
+    }
+    m_bFirstStreamon = false;
     ++m_counters.streamon;
     advance();
     return 0;
@@ -770,11 +777,18 @@ void board::complete_active() {
     }
     buffer& b = m_bufs[m_nActive];
     b.state = buf_state::done;
-    b.sequence = m_cfg.first_sequence + uint32_t(m_nActiveFrame);
+    b.sequence = sequence_of(m_nActiveFrame);
     b.done_ticks = m_nStartTicks + (m_nActiveFrame + 1) * kTicksPerFrame;
     m_done.push_back(uint32_t(m_nActive));
     m_nActive = -1;
     m_cv.notify_all();
+}
+
+uint32_t board::sequence_of(uint64_t frame) const {
+    if (frame >= m_nSeqRestartFrame) {
+        return m_nSeqRestartValue + uint32_t(frame - m_nSeqRestartFrame);
+    }
+    return m_cfg.first_sequence + uint32_t(frame);
 }
 
 void board::send_idle(uint64_t n) {
@@ -963,6 +977,16 @@ void board::insert_idle_frames(uint32_t n) {
     advance();
     m_nIdlePending += n;
     advance();
+}
+
+void board::restart_sequence(uint32_t value) {
+    std::lock_guard<std::mutex> lk(m_cs);
+    if (!m_bStreaming) {
+        return;
+    }
+    advance();  // slots that began by now keep their numbers
+    m_nSeqRestartFrame = m_nNextFrame;
+    m_nSeqRestartValue = value;
 }
 
 void board::flush() {

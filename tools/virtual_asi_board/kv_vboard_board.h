@@ -35,6 +35,7 @@ struct board_config {
     double ppm = 0.0;
     bool freerun = false;
     uint32_t counter_start = 0;
+    uint32_t sequence_restart = 0;  // frame slot of the first streaming period, 0 for none
     std::string capture;  // "%i" already replaced
     std::string stats;    // "%i" already replaced
 };
@@ -88,6 +89,7 @@ public:
     kv_vboard_counters counters();
     void set_counter_value(uint32_t value);
     void insert_idle_frames(uint32_t n);
+    void restart_sequence(uint32_t value);
     // Writes the capture out and, while the node is open, the counters file (called at
     // process exit).
     void flush();
@@ -139,6 +141,8 @@ private:
     void start_frame();
     void complete_active();
     void send_idle(uint64_t n);
+    // Driver sequence of frame slot `frame` of this streaming period.
+    uint32_t sequence_of(uint64_t frame) const;
     bool open_capture();
 
     const board_config m_cfg;
@@ -179,6 +183,10 @@ private:
     uint64_t m_nActiveFrame = 0;
     uint64_t m_nLineWords = 0;  // words sent since the board first streamed
     uint32_t m_nIdlePending = 0;
+    // From frame slot m_nSeqRestartFrame on, the sequence counts from m_nSeqRestartValue.
+    uint64_t m_nSeqRestartFrame = UINT64_MAX;
+    uint32_t m_nSeqRestartValue = 0;
+    bool m_bFirstStreamon = true;
     line_decoder m_decoder;
     FILE* m_pCapture = nullptr;
     // The capture's stdio buffer; outlives m_pCapture (closed in the destructor's body).

@@ -173,6 +173,7 @@ private:
         env_u32("KV_VBOARD_BUFFERS", base.buffers);
         env_u32("KV_VBOARD_FIRST_SEQUENCE", base.first_sequence);
         env_u32("KV_VBOARD_COUNTER_START", base.counter_start);
+        env_u32("KV_VBOARD_SEQUENCE_RESTART", base.sequence_restart);
         env_double("KV_VBOARD_PPM", base.ppm);
         const char* capture = env("KV_VBOARD_CAPTURE");
         fault_set faults;
@@ -364,6 +365,7 @@ void kv_vboard_default_config(struct kv_vboard_config* cfg) {
     cfg->ppm = d.ppm;
     cfg->freerun = d.freerun ? 1 : 0;
     cfg->counter_start = d.counter_start;
+    cfg->sequence_restart = d.sequence_restart;
 }
 
 int kv_vboard_add(const struct kv_vboard_config* cfg) {
@@ -380,6 +382,7 @@ int kv_vboard_add(const struct kv_vboard_config* cfg) {
         c.ppm = cfg->ppm;
         c.freerun = cfg->freerun != 0;
         c.counter_start = cfg->counter_start;
+        c.sequence_restart = cfg->sequence_restart;
         if (!kvvb::valid(c)) {
             return -1;
         }
@@ -449,6 +452,15 @@ int kv_vboard_insert_idle_frames(const char* node, uint32_t n) {
         return -1;
     }
     b->insert_idle_frames(n);
+    return 0;
+}
+
+int kv_vboard_restart_sequence(const char* node, uint32_t value) {
+    std::shared_ptr<board> b = node_board(node);
+    if (!b) {
+        return -1;
+    }
+    b->restart_sequence(value);
     return 0;
 }
 

@@ -110,6 +110,23 @@ TEST_P(DeviceStreaming, NumberingFromTheFirstBufferBackSkipsStopAndReopen) {
         EXPECT_GE(dev.get_skip_frame(), 3u);
     }
 
+    // The driver restarts its count at 0: a step back, taken up without a count or a wrap
+    // (a paced board has moved on by some frames meanwhile).
+    const uint64_t skipped = dev.get_skip_frame();
+    ASSERT_EQ(kv_vboard_restart_sequence(kNode, 0), 0);
+    CaptureStdout();
+    const uint64_t before_restart = b;
+    ASSERT_TRUE(cycle(8, &b));
+    const std::string restart_out = GetCapturedStdout();
+    if (GetParam().freerun) {
+        EXPECT_EQ(restart_out.find("skip frame"), std::string::npos) << restart_out;
+        EXPECT_EQ(dev.get_skip_frame(), skipped);
+        EXPECT_EQ(b, before_restart + 8 * kFrame);
+    } else {
+        EXPECT_LT(dev.get_skip_frame() - skipped, 100u) << "no wrapped count";
+        EXPECT_GE(b, before_restart + 8 * kFrame);
+    }
+
     // Stop: the next six maps prime again without dequeuing, streaming starts once more,
     // and the frames go on after the last one handed out.
     dev.stop();

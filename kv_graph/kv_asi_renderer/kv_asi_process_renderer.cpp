@@ -222,6 +222,25 @@ void kv_asi_process_renderer::anchor(uint64_t tBegin, uint32_t nAhead) {
     m_bAnchored = true;
 }
 
+bool kv_asi_process_renderer::may_anchor(int64_t nFullness, uint32_t nAhead, bool bHold,
+                                         bool bEnding) const {
+    if (bHold) {
+        return false;
+    }
+    // The frames queued ahead of the one handed out play first: they count as buffered.
+    return bEnding || nFullness >= effective_latency() - static_cast<int64_t>(nAhead) * kFrameTime;
+}
+
+bool kv_asi_process_renderer::is_played_out(uint64_t tBegin, uint32_t nAhead,
+                                            uint64_t tFrameEnd) const {
+    // Everything stored has been handed out, and the frame that carried the last packet
+    // has been handed back by the driver, and one frame more (a driver may hand a buffer
+    // back while its last words are still going out).
+    return m_fifo.is_ended() && m_filler.get_carry_size() == 0 &&
+           m_fifo.get_back_time() <= static_cast<int64_t>(tFrameEnd) &&
+           tBegin - uint64_t{nAhead} * kFrameTime >= m_tLastDataEnd + kFrameTime;
+}
+
 bool kv_asi_process_renderer::check_fifo() {
     if (m_fifo.take_time_base_notice()) {
         // The FIFO carried the stream across the jump; the jump is reported all the same.
@@ -292,12 +311,11 @@ void kv_asi_process_renderer::work_thread(std::future<void>&& fExit) {
         }
 
         const bool bEnding = bEos && !m_bEosPosted;
-        if (!m_bAnchored && !m_pDevice->is_streaming()) {
+        if (!m_bAnchored && !m_pDevice->is_streaming() &&
+            !may_anchor(nFullness, 0, bHold, bEnding)) {
             // Nothing to play yet: a device that has not started streaming waits too.
-            if (bHold || (nFullness < effective_latency() && !bEnding)) {
-                wait = kPollInterval;
-                continue;
-            }
+            wait = kPollInterval;
+            continue;
         }
 
         uint64_t tBegin = 0;
@@ -315,9 +333,7 @@ void kv_asi_process_renderer::work_thread(std::future<void>&& fExit) {
         const uint32_t nAhead = m_pDevice->frames_ahead();
 
         if (!m_bAnchored) {
-            const int64_t nLead =
-                effective_latency() - static_cast<int64_t>(nAhead) * kFrameTime;
-            if (bHold || (nFullness < nLead && !bEnding)) {
+            if (!may_anchor(nFullness, nAhead, bHold, bEnding)) {
                 continue;  // the buffer goes out idle and keeps the line fed
             }
             anchor(tBegin, nAhead);
@@ -339,13 +355,7 @@ void kv_asi_process_renderer::work_thread(std::future<void>&& fExit) {
             m_fifo.revert(items);
             m_tLastDataEnd = tEnd;
         }
-        // End of stream: once everything stored has been handed out and the frame that
-        // carried the last packet has been handed back by the driver, and one frame more
-        // (a driver may hand a buffer back while its last words are still going out),
-        // the stream is on the line.
-        if (bEnding && m_fifo.is_ended() && m_filler.get_carry_size() == 0 &&
-            m_fifo.get_back_time() <= static_cast<int64_t>(tFrameEnd) &&
-            tBegin - uint64_t{nAhead} * kFrameTime >= m_tLastDataEnd + kFrameTime) {
+        if (bEnding && is_played_out(tBegin, nAhead, tFrameEnd)) {
             m_bEosPosted = true;
             if (m_onEos) {
                 m_onEos();

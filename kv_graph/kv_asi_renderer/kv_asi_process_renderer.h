@@ -144,6 +144,11 @@ private:
     // Places the output time line so that frame [tBegin, ...), which the line starts
     // nAhead frames from now, carries what is due then.
     void anchor(uint64_t tBegin, uint32_t nAhead);
+    // Output may anchor on nFullness of stream when the next frame starts on the line
+    // nAhead frames from now: not while held, at once when the stream has ended.
+    bool may_anchor(int64_t nFullness, uint32_t nAhead, bool bHold, bool bEnding) const;
+    // After the end of the stream: its last packet is on the line.
+    bool is_played_out(uint64_t tBegin, uint32_t nAhead, uint64_t tFrameEnd) const;
     void unanchor();
     // The FIFO's state as bus messages, statistics and alarms; a failed FIFO is reset.
     // False when the FIFO was reset.

@@ -140,7 +140,6 @@ void kv_mpegts_fifo::push_data(int64_t tTime, const uint8_t* pData, size_t nSize
     // completes the buffer was stamped upstream (a timestamping parser at the PCR that
     // ends the buffer, a network source at arrival).
     m_tTimeStamp = time_to_pll(tTime);
-    m_bFirstTimeStamp = true;
     const size_t nBefore = m_nSinceAnchor;
     Process(pData, nSize);
     if (m_nSinceAnchor > nBefore && !m_bNeedReset.load(std::memory_order_relaxed)) {
@@ -149,7 +148,6 @@ void kv_mpegts_fifo::push_data(int64_t tTime, const uint8_t* pData, size_t nSize
 }
 
 void kv_mpegts_fifo::stamp_last_packet() {
-    m_bFirstTimeStamp = false;
     const bool bFirst = m_bFirst;
     m_bFirst = false;
     if (bFirst) {
@@ -254,7 +252,6 @@ void kv_mpegts_fifo::on_process_by_pcr(const transport_packet& packet) {
         m_nSinceAnchor = 0;
         m_nLastIntervalPackets = 0;
         m_tTimeStamp = time_to_pll(m_tLastAnchor);
-        m_tLastTimeStamp = m_tTimeStamp;
         count_anchor(m_tTimeStamp);
         add_to_fifo(packet);
         return;
@@ -262,7 +259,6 @@ void kv_mpegts_fifo::on_process_by_pcr(const transport_packet& packet) {
     if (packet.PID == m_pid_pcr && carries_pcr(packet)) {
         m_tLastAnchor = next_pcr_time(packet);
         m_tTimeStamp = time_to_pll(m_tLastAnchor);
-        m_tLastTimeStamp = m_tTimeStamp;
         count_anchor(m_tTimeStamp);
         add_to_fifo(packet);
         return;
@@ -283,18 +279,23 @@ void kv_mpegts_fifo::end_of_stream() {
     if (m_pItem && m_pItem->get_length() > 0) {
         m_listTmpItems.push_back(std::move(m_pItem));
     }
-    if (!m_listTmpItems.empty()) {
-        // The waiting items follow the last anchor at the last interval's rate.
-        const int64_t first = m_listTmpItems.front()->time();
-        const size_t n = m_listTmpItems.size();
+    const size_t n = m_listTmpItems.size();
+    if (n > 0) {
+        // The waiting items follow the last anchor at the last interval's rate (before
+        // it too, for the first buffer's packets in stamp pacing).
+        size_t a = 0;
+        while (a + 1 < n && !m_listTmpItems[a]->has_time()) {
+            ++a;
+        }
+        const int64_t first =
+            m_listTmpItems[a]->has_time() ? m_listTmpItems[a]->time() : m_tTimeStamp;
         recursive_lock lock(m_csItems);
-        for (size_t i = 0; i < n; ++i) {
+        for (int64_t i = -static_cast<int64_t>(a); !m_listTmpItems.empty(); ++i) {
             std::unique_ptr<kv_mpegts_item> item = std::move(m_listTmpItems.front());
             m_listTmpItems.pop_front();
             int64_t t = first;
             if (m_nLastIntervalPackets > 0) {
-                t += m_tLastInterval * static_cast<int64_t>(i) /
-                     static_cast<int64_t>(m_nLastIntervalPackets);
+                t += m_tLastInterval * i / static_cast<int64_t>(m_nLastIntervalPackets);
             }
             item->set_time(t);
             m_listItems.push_back(std::move(item));

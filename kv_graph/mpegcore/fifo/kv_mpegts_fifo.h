@@ -170,7 +170,6 @@ private:
     size_t m_nCapacity = 0;
     size_t m_nItemSize = TS_PACKET_SIZE;
     int64_t m_tTimeStamp = 0;         // newest anchor time, after the PLL
-    int64_t m_tLastTimeStamp = 0;     // previous accepted PCR time, after the PLL
     int64_t m_tTrembling = 20000000;  // PCR jumps of this size or more change the time base (2 s)
     // Producer only: the unwrapped PCR (27 MHz), the offset that carries time-base changes
     // (100 ns units) and the previous anchor before the PLL.
@@ -202,7 +201,6 @@ private:
     std::string m_strError;
     std::atomic<bool> m_bFifoUnderflow{false};
     std::atomic<bool> m_bFifoOverflow{false};
-    bool m_bFirstTimeStamp = false;           // a buffer time waits for a packet to stamp
     std::atomic<bool> m_bResetStream{false};  // reset() left the producer's share pending
     std::atomic<bool> m_bEnded{false};
     std::atomic<bool> m_bTimeBaseNotice{false};

@@ -298,6 +298,12 @@ TEST(FifoStamp, BufferTimesAnchorLastPackets) {
     EXPECT_EQ(fifo.get_anchor_interval(), 507);
     fifo.end_of_stream();  // the last anchor waited for a next one only
     EXPECT_EQ(pull(fifo, kEnd), (std::vector<timed>{{700, 7}}));
+
+    // One buffer, then the end: no rate is known, so its packets all go at its time.
+    fifo.reset();
+    fifo.push_data(500, ts.data(), 3 * kPkt);
+    fifo.end_of_stream();
+    EXPECT_EQ(pull(fifo, kEnd), (std::vector<timed>{{500, 0}, {500, 1}, {500, 2}}));
 }
 
 }  // namespace

@@ -271,6 +271,7 @@ void kv_asi_process_renderer::work_thread(std::future<void>&& fExit) {
     const std::chrono::nanoseconds tWarmUp = m_tWarmUp;
     bool bWarmUp = true;
     std::chrono::milliseconds wait{0};
+    std::chrono::milliseconds errorWait{0};  // grows while the device keeps failing
     uint32_t nFlushSeen = m_nFlush.load();
     mpegcore::kv_mpegts_items items;
     kv_data_provider& provider = *m_pDevice;
@@ -323,10 +324,18 @@ void kv_asi_process_renderer::work_thread(std::future<void>&& fExit) {
         uint64_t nSize = 0;
         uint8_t* pData = nullptr;
         if (!provider.map(tBegin, tEnd, &pData, nSize)) {
-            g_print("kv_asi_renderer: m_pDevice->map() ERROR\n");
-            wait = kPollInterval;
+            // Nothing handed back yet, or a fault being retried: look again soon. A
+            // failing driver is asked again less and less often, up to once a second.
+            if (m_pDevice->map_waited()) {
+                wait = kPollInterval;
+            } else {
+                g_print("kv_asi_renderer: m_pDevice->map() ERROR\n");
+                errorWait = std::min(kMaxRetryInterval, std::max(kPollInterval, errorWait * 2));
+                wait = errorWait;
+            }
             continue;
         }
+        errorWait = std::chrono::milliseconds{0};
         m_statistics.set_skip_hw_frame(m_pDevice->get_skip_frame());
         m_statistics.set_device_time(tEnd);
         unmap_guard guard(provider);

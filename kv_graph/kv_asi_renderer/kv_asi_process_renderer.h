@@ -49,6 +49,8 @@ public:
     // Output thread polls while the FIFO is filling, empty or failing, and after a
     // failed map.
     static constexpr std::chrono::milliseconds kPollInterval{5};
+    // A device that keeps failing is retried at most this far apart.
+    static constexpr std::chrono::milliseconds kMaxRetryInterval{1000};
     // For this long after each start no underflow alarm is raised (the bound is
     // included: 31 s minus 1 ns).
     static constexpr std::chrono::nanoseconds kWarmUp{30'999'999'999};

@@ -1,6 +1,7 @@
 #include "kv_asi_renderer/kv_v4l2_asi_output_device.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <glib.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
@@ -84,6 +85,9 @@ bool kv_v4l2_asi_output_device::open_device(const std::string& name) {
     m_nLastTimeStamp = 0;
     m_seq_frame = 0;
     m_bSeqKnown = false;
+    m_bRequeue = false;
+    m_retryDelay = std::chrono::milliseconds(0);
+    m_tRetry = {};
     m_curr_buff_index = 0;
     m_nSkipFrame = 0;
 
@@ -267,10 +271,14 @@ void kv_v4l2_asi_output_device::stop() {
     }
     m_curr_buff_index = 0;
     m_bSeqKnown = false;
+    m_bRequeue = false;
+    m_retryDelay = std::chrono::milliseconds(0);
+    m_tRetry = {};
 }
 
 bool kv_v4l2_asi_output_device::map(uint64_t& tBegin, uint64_t& tEnd, uint8_t** pData,
                                     uint64_t& nSize) {
+    m_bWaited = false;
     if (!is_open()) {
         return false;
     }
@@ -281,6 +289,10 @@ bool kv_v4l2_asi_output_device::map(uint64_t& tBegin, uint64_t& tEnd, uint8_t** 
 
     const uint32_t records = static_cast<uint32_t>(m_vASIBuf.size());
     kv_v4l2_buffers* rec = nullptr;
+    if (!heal()) {
+        m_bWaited = true;
+        return false;
+    }
     if (m_curr_buff_index < records) {
         // Priming: the buffer has never been queued, so it is ours without asking.
         rec = &m_vASIBuf[m_curr_buff_index];
@@ -293,6 +305,14 @@ bool kv_v4l2_asi_output_device::map(uint64_t& tBegin, uint64_t& tEnd, uint8_t** 
         if (m_eDeviceType == V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE) {
             m_cur_buffer.m.planes = m_cur_planes;
             m_cur_buffer.length = 1;
+        }
+        // Wait for a sent buffer a bounded time, so that the caller can stop even when
+        // the driver never hands one back.
+        pollfd pfd{m_hASI, POLLOUT, 0};
+        const int ready = ::poll(&pfd, 1, kWaitMs);
+        if (ready == 0 || (ready == -1 && errno == EINTR)) {
+            m_bWaited = true;
+            return false;
         }
         if (xioctl(m_hASI, VIDIOC_DQBUF, &m_cur_buffer) == -1 || m_cur_buffer.index >= records) {
             g_print("kv_asi_renderer: Can't DQBUF\n");
@@ -351,6 +371,11 @@ bool kv_v4l2_asi_output_device::unmap() {
 
     if (xioctl(m_hASI, VIDIOC_QBUF, &m_cur_buffer) == -1) {
         g_print("kv_asi_renderer: -1 == ::xioctl(m_hASI, VIDIOC_QBUF, &m_cur_buffer)\n");
+        // The buffer stays ours: it is queued again before the next one is handed out,
+        // so the ring stays whole.
+        m_bRequeue = true;
+        m_nRequeueIndex = m_cur_buffer.index;
+        back_off();
         return false;
     }
     // Streaming starts once the whole ring is queued; a driver that granted fewer
@@ -359,9 +384,46 @@ bool kv_v4l2_asi_output_device::unmap() {
     if (m_curr_buff_index < ring) {
         return true;
     }
-    if (!m_bStarted) {
-        return start();
+    if (!m_bStarted && !start()) {
+        back_off();
+        return false;
     }
+    return true;
+}
+
+void kv_v4l2_asi_output_device::back_off() {
+    m_retryDelay = std::min(std::chrono::milliseconds(1000),
+                            std::max(std::chrono::milliseconds(5), m_retryDelay * 2));
+    m_tRetry = std::chrono::steady_clock::now() + m_retryDelay;
+}
+
+bool kv_v4l2_asi_output_device::heal() {
+    const bool bPrimed = m_curr_buff_index >= m_vASIBuf.size();
+    if (!m_bRequeue && (m_bStarted || !bPrimed)) {
+        return true;
+    }
+    if (std::chrono::steady_clock::now() < m_tRetry) {
+        return false;
+    }
+    if (m_bRequeue) {
+        kv_v4l2_buffers& rec = m_vASIBuf[m_nRequeueIndex];
+        v4l2_buffer b = rec.buf;
+        if (m_eDeviceType == V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE) {
+            b.m.planes = rec.planes;
+            b.length = 1;
+        }
+        if (xioctl(m_hASI, VIDIOC_QBUF, &b) == -1) {
+            g_print("kv_asi_renderer: -1 == ::xioctl(m_hASI, VIDIOC_QBUF, &m_cur_buffer)\n");
+            back_off();
+            return false;
+        }
+        m_bRequeue = false;
+    }
+    if (bPrimed && !m_bStarted && !start()) {
+        back_off();
+        return false;
+    }
+    m_retryDelay = std::chrono::milliseconds(0);
     return true;
 }
 

@@ -3,6 +3,7 @@
 #include <linux/videodev2.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
@@ -64,6 +65,12 @@ public:
     // Bytes of the current buffer the engine filled; unmap zeroes the rest.
     void set_data_size(size_t size) { m_cur_data_size = size; }
 
+    // The last map() failed only because there is nothing to hand out yet: no buffer has
+    // come back within kWaitMs, or a fault is waiting for its next retry. Not an error.
+    bool map_waited() const { return m_bWaited; }
+    // Longest a map() waits for the driver, so that the caller can look up in between.
+    static constexpr int kWaitMs = 100;
+
     // Frames the driver sent without new data from us, seen as sequence gaps.
     uint64_t get_skip_frame() const { return m_nSkipFrame; }
     // After a successful map(): whole frames the line plays before the buffer handed out
@@ -91,6 +98,12 @@ public:
     void unmmap_buffers();
 
 private:
+    // Retries what a fault left undone: queues a buffer the driver refused, turns
+    // streaming on when that failed. False while that is not done yet (the next try
+    // waits longer after each failure, up to a second).
+    bool heal();
+    void back_off();
+
     // Atomic because the streaming thread reads the clock through it while the output
     // thread may be reopening the node after a FIFO reset.
     std::atomic<int> m_hASI{-1};
@@ -111,6 +124,11 @@ private:
     bool m_bSeqKnown = false;              // m_nSeqOffset was taken since the ring was primed
     uint32_t m_nFramesAhead = 0;
     bool m_bStarted = false;
+    bool m_bWaited = false;
+    bool m_bRequeue = false;     // the buffer at m_nRequeueIndex still has to be queued
+    uint32_t m_nRequeueIndex = 0;
+    std::chrono::steady_clock::time_point m_tRetry{};
+    std::chrono::milliseconds m_retryDelay{0};
     std::mutex m_csTimeStamp;  // not taken: the clock path is lock-free
     std::atomic<uint64_t> m_nTimeStamp{0};
     std::atomic<uint32_t> m_nLastTimeStamp{0};

@@ -1,6 +1,7 @@
 #include "kv_vboard_board.h"
 
 #include <linux/videodev2.h>
+#include <poll.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -977,6 +978,35 @@ void board::insert_idle_frames(uint32_t n) {
     advance();
     m_nIdlePending += n;
     advance();
+}
+
+short board::poll(short events, int timeout_ms) {
+    using clock = std::chrono::steady_clock;
+    std::unique_lock<std::mutex> lk(m_cs);
+    const bool bLimited = timeout_ms >= 0;
+    const clock::time_point limit = clock::now() + std::chrono::milliseconds(bLimited ? timeout_ms : 0);
+    for (;;) {
+        if (m_bVanished || !m_bStreaming) {
+            return POLLERR;
+        }
+        advance();
+        if (!m_done.empty()) {
+            return short(events & (POLLOUT | POLLWRNORM));
+        }
+        if (bLimited && clock::now() >= limit) {
+            return 0;
+        }
+        // Until something changes, the next frame slot ends (paced), or the limit.
+        if (m_cfg.freerun && !bLimited) {
+            m_cv.wait(lk);
+        } else if (m_cfg.freerun) {
+            m_cv.wait_until(lk, limit);
+        } else {
+            const clock::time_point slot =
+                time_of_ticks(m_nStartTicks + m_nNextFrame * kTicksPerFrame);
+            m_cv.wait_until(lk, bLimited ? std::min(slot, limit) : slot);
+        }
+    }
 }
 
 void board::restart_sequence(uint32_t value) {

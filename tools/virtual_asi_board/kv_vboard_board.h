@@ -90,6 +90,10 @@ public:
     void set_counter_value(uint32_t value);
     void insert_idle_frames(uint32_t n);
     void restart_sequence(uint32_t value);
+    // poll() on a descriptor of the node: POLLOUT once a sent buffer can be dequeued,
+    // POLLERR when the node is gone or not streaming, 0 after timeout_ms (negative: no
+    // limit).
+    short poll(short events, int timeout_ms);
     // Writes the capture out and, while the node is open, the counters file (called at
     // process exit).
     void flush();

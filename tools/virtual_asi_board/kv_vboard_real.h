@@ -4,6 +4,7 @@
 // under a sanitizer, these are the sanitizer's wrappers, so that it keeps seeing the
 // descriptors and mappings that pass through.
 
+#include <poll.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -20,6 +21,7 @@ struct real_calls {
     void* (*mmap)(void*, size_t, int, int, int, off_t);
     void* (*mmap64)(void*, size_t, int, int, int, off_t);
     int (*munmap)(void*, size_t);
+    int (*poll)(struct pollfd*, unsigned long, int);
 };
 
 const real_calls& real();

@@ -282,6 +282,20 @@ bool hook_ioctl(int fd, unsigned long request, void* arg, int* pResult) {
     return true;
 }
 
+bool hook_poll(int fd, short events, short* pRevents, int timeout_ms, int* pResult) {
+    registry& r = reg();
+    if (r.m_nFds.load() == 0) {
+        return false;
+    }
+    std::shared_ptr<board> b = r.find_fd(fd);
+    if (!b) {
+        return false;
+    }
+    *pRevents = b->poll(events, timeout_ms);
+    *pResult = *pRevents != 0 ? 1 : 0;
+    return true;
+}
+
 bool hook_mmap(void* addr, size_t len, int prot, int flags, int fd, off_t offset, void** pResult) {
     registry& r = reg();
     if (fd < 0 || r.m_nFds.load() == 0) {

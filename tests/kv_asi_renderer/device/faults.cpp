@@ -1,5 +1,7 @@
 #include <cerrno>
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "board_fixture.h"
@@ -69,8 +71,13 @@ TEST_P(DeviceFaults, StreamingFailuresReportAndRecover) {
         EXPECT_TRUE(dev.is_open());
     };
     fails(KV_VB_QBUF, P + "-1 == ::xioctl(m_hASI, VIDIOC_QBUF, &m_cur_buffer)\n");
-    // Five more buffers complete the ring as counted; starting it fails once.
+    // The refused buffer stays ours: after a short wait it is queued again before the
+    // next one is handed out. Five more complete the ring; starting it fails once.
+    EXPECT_FALSE(cycle(1));
+    EXPECT_TRUE(dev.map_waited());
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
     ASSERT_TRUE(cycle(4));
+    EXPECT_EQ(counters().qbuf, 5u);
     fails(KV_VB_STREAMON, P + "Can't stream on, device = " + kNode + "\n");
     EXPECT_EQ(counters().streamon, 0u);
     EXPECT_TRUE(dev.start());

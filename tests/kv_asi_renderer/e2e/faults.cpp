@@ -103,10 +103,11 @@ TEST_F(WireFaultsConcurrency, NodeVanishingMidPlayStopsTheLineButNotTheElement) 
 
 TEST_F(WireFaultsRealTime, DqbufFailingForAWhileCostsFramesNotPackets) {
     const ts_stream s = kvtest::generated(5000000, 3);
-    // About 60 failures 5 ms apart outlast the six queued buffers: the board sends idle
-    // frames and the element sees a gap in the frame numbers.
+    // Six failures, retried ever further apart (5 ms doubling: about 0.3 s in all),
+    // outlast the six queued buffers: the board sends idle frames and the element sees a
+    // gap in the frame numbers.
     const wire::outcome o = play_with_fault(
-        s, wire::settings(), 0, 0, [&] { kv_vboard_set_fault(kNode, KV_VB_DQBUF, 1, 60, EIO); });
+        s, wire::settings(), 0, 0, [&] { kv_vboard_set_fault(kNode, KV_VB_DQBUF, 1, 6, EIO); });
     EXPECT_GT(o.board.idle_frames, 0u);
     EXPECT_EQ(o.skip_hw, o.board.idle_frames);
     EXPECT_EQ(o.skip_ts + o.resets, 0u);

@@ -222,6 +222,19 @@ void kv_asi_process_renderer::anchor(uint64_t tBegin, uint32_t nAhead) {
     m_bAnchored = true;
 }
 
+void kv_asi_process_renderer::reopen_device() {
+    // The node went away: let it go, and open it again once it is back (each try at
+    // the retry interval). The FIFO keeps what it holds; output anchors anew, as the
+    // new device primes and counts its frames from 0.
+    if (m_pDevice->is_open()) {
+        m_pDevice->close_device();
+    }
+    if (m_pDevice->open_device(m_strDeviceName)) {
+        m_statistics.set_reset();
+        unanchor();
+    }
+}
+
 bool kv_asi_process_renderer::may_anchor(int64_t nFullness, uint32_t nAhead, bool bHold,
                                          bool bEnding) const {
     if (bHold) {
@@ -328,10 +341,15 @@ void kv_asi_process_renderer::work_thread(std::future<void>&& fExit) {
             // failing driver is asked again less and less often, up to once a second.
             if (m_pDevice->map_waited()) {
                 wait = kPollInterval;
-            } else {
+                continue;
+            }
+            if (m_pDevice->is_open() || m_pDevice->is_gone()) {
                 g_print("kv_asi_renderer: m_pDevice->map() ERROR\n");
-                errorWait = std::min(kMaxRetryInterval, std::max(kPollInterval, errorWait * 2));
-                wait = errorWait;
+            }
+            errorWait = std::min(kMaxRetryInterval, std::max(kPollInterval, errorWait * 2));
+            wait = errorWait;
+            if (m_pDevice->is_gone() || !m_pDevice->is_open()) {
+                reopen_device();
             }
             continue;
         }

@@ -155,6 +155,8 @@ private:
     // The FIFO's state as bus messages, statistics and alarms; a failed FIFO is reset.
     // False when the FIFO was reset.
     bool check_fifo();
+    // The node is gone: closes it and tries to open it again.
+    void reopen_device();
 
     std::shared_ptr<kv_v4l2_asi_output_device> m_pDevice;
     mpegcore::kv_mpegts_fifo m_fifo;

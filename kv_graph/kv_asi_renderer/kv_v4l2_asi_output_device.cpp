@@ -279,6 +279,7 @@ void kv_v4l2_asi_output_device::stop() {
 bool kv_v4l2_asi_output_device::map(uint64_t& tBegin, uint64_t& tEnd, uint8_t** pData,
                                     uint64_t& nSize) {
     m_bWaited = false;
+    m_bGone = false;
     if (!is_open()) {
         return false;
     }
@@ -315,6 +316,7 @@ bool kv_v4l2_asi_output_device::map(uint64_t& tBegin, uint64_t& tEnd, uint8_t** 
             return false;
         }
         if (xioctl(m_hASI, VIDIOC_DQBUF, &m_cur_buffer) == -1 || m_cur_buffer.index >= records) {
+            m_bGone = errno == ENODEV;
             g_print("kv_asi_renderer: Can't DQBUF\n");
             return false;
         }
@@ -436,6 +438,10 @@ int64_t kv_v4l2_asi_output_device::get_clock_time() {
     // look like a full wrap and throw the clock 29 s ahead. The low 32 bits of the
     // total always equal the last accounted reading, as both start from zero.
     uint64_t total = m_nTimeStamp.load();
+    if (!is_open()) {
+        // A node being reopened has no counter to read: the frame count stands in.
+        return static_cast<int64_t>(frame_to_unit(m_seq_frame));
+    }
     for (;;) {
         uint32_t counter = 0;
         if (!read_counter(m_hASI, counter)) {

@@ -70,6 +70,9 @@ public:
     bool map_waited() const { return m_bWaited; }
     // Longest a map() waits for the driver, so that the caller can look up in between.
     static constexpr int kWaitMs = 100;
+    // The last map() failed because the node is gone (unplugged, driver unloaded): only
+    // opening it again can help.
+    bool is_gone() const { return m_bGone; }
 
     // Frames the driver sent without new data from us, seen as sequence gaps.
     uint64_t get_skip_frame() const { return m_nSkipFrame; }
@@ -125,6 +128,7 @@ private:
     uint32_t m_nFramesAhead = 0;
     bool m_bStarted = false;
     bool m_bWaited = false;
+    bool m_bGone = false;
     bool m_bRequeue = false;     // the buffer at m_nRequeueIndex still has to be queued
     uint32_t m_nRequeueIndex = 0;
     std::chrono::steady_clock::time_point m_tRetry{};

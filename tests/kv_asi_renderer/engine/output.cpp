@@ -169,8 +169,9 @@ TEST_F(EngineTest, FifoResetRequestsAreReportedAndCountedOnce) {
 
 // Device faults heal: failed dequeues are retried after a message, a buffer the driver
 // refused is queued again (the ring stays whole: every buffer is in the driver once output
-// stops), streaming that did not start is started again. Whatever the driver does, even
-// never handing a buffer back, stop() returns promptly.
+// stops), streaming that did not start is started again, a node that went away is opened
+// again when it is back. Whatever the driver does, even never handing a buffer back,
+// stop() returns promptly.
 TEST_F(EngineTest, DeviceFaultsHealAndStopStaysPrompt) {
     const struct {
         const char* label;
@@ -214,6 +215,24 @@ TEST_F(EngineTest, DeviceFaultsHealAndStopStaysPrompt) {
         EXPECT_EQ(k.word_violations, 0u);
         engine.deinit();
     }
+
+    // The node goes away mid-play and comes back: it is opened again (counted as a
+    // reset) and plays what comes next.
+    kv_vboard_clear_faults(kNode);
+    add_board();
+    ASSERT_TRUE(engine.init(kNode, 1 << 20, 0, stamp_time_type, false, false));
+    engine.reset_statistics();
+    push_packets(ts, 0, 100, 20000);
+    ASSERT_TRUE(engine.start());
+    ASSERT_TRUE(wait_until([&] { return counters().dqbuf >= 5; }));
+    ASSERT_EQ(kv_vboard_vanish(kNode), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    add_board();  // a new node under the same path, counters from 0
+    ASSERT_TRUE(wait_until([&] { return stat("Reset") == "1"; }));
+    push_packets(ts, 100, 200, 20000);
+    EXPECT_TRUE(wait_until([&] { return counters().packets >= 99; }));
+    engine.stop();
+    engine.deinit();
 
     // A paced board that sends 1000 frames of its own while every buffer waits: DQBUF
     // would block for 20 s.

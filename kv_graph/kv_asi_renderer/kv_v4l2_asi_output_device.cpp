@@ -249,6 +249,7 @@ bool kv_v4l2_asi_output_device::start() {
     }
     int type = m_eDeviceType;
     if (xioctl(m_hASI, VIDIOC_STREAMON, &type) == -1) {
+        m_bGone = errno == ENODEV;
         g_print("kv_asi_renderer: Can't stream on, device = %s\n", m_strASIName.c_str());
         return false;
     }
@@ -291,7 +292,7 @@ bool kv_v4l2_asi_output_device::map(uint64_t& tBegin, uint64_t& tEnd, uint8_t** 
     const uint32_t records = static_cast<uint32_t>(m_vASIBuf.size());
     kv_v4l2_buffers* rec = nullptr;
     if (!heal()) {
-        m_bWaited = true;
+        m_bWaited = !m_bGone;  // a node that is gone will not heal by waiting
         return false;
     }
     if (m_curr_buff_index < records) {
@@ -415,6 +416,7 @@ bool kv_v4l2_asi_output_device::heal() {
             b.length = 1;
         }
         if (xioctl(m_hASI, VIDIOC_QBUF, &b) == -1) {
+            m_bGone = errno == ENODEV;
             g_print("kv_asi_renderer: -1 == ::xioctl(m_hASI, VIDIOC_QBUF, &m_cur_buffer)\n");
             back_off();
             return false;

@@ -90,6 +90,8 @@ TEST_P(DeviceFaults, StreamingFailuresReportAndRecover) {
     ASSERT_EQ(kv_vboard_vanish(kNode), 0);
     CaptureStdout();
     EXPECT_FALSE(cycle(1));
+    EXPECT_TRUE(dev.is_gone());
+    EXPECT_FALSE(dev.map_waited());
     dev.close_device();
     EXPECT_EQ(GetCapturedStdout(),
               P + "Can't DQBUF\n" + P + "Can't stream off, device = " + kNode + "\n");

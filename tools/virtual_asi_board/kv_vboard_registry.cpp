@@ -265,12 +265,14 @@ bool hook_close(int fd, int* pResult) {
     return true;  // the caller closes the descriptor itself
 }
 
-bool hook_ioctl(int fd, unsigned long request, void* arg, int* pResult) {
+// The board behind a descriptor, if it is one of the board's; cheap when none is open.
+static std::shared_ptr<board> board_of_fd(int fd) {
     registry& r = reg();
-    if (r.m_nFds.load() == 0) {
-        return false;
-    }
-    std::shared_ptr<board> b = r.find_fd(fd);
+    return fd < 0 || r.m_nFds.load() == 0 ? nullptr : r.find_fd(fd);
+}
+
+bool hook_ioctl(int fd, unsigned long request, void* arg, int* pResult) {
+    std::shared_ptr<board> b = board_of_fd(fd);
     if (!b) {
         return false;
     }
@@ -283,11 +285,7 @@ bool hook_ioctl(int fd, unsigned long request, void* arg, int* pResult) {
 }
 
 bool hook_poll(int fd, short events, short* pRevents, int timeout_ms, int* pResult) {
-    registry& r = reg();
-    if (r.m_nFds.load() == 0) {
-        return false;
-    }
-    std::shared_ptr<board> b = r.find_fd(fd);
+    std::shared_ptr<board> b = board_of_fd(fd);
     if (!b) {
         return false;
     }
@@ -297,14 +295,11 @@ bool hook_poll(int fd, short events, short* pRevents, int timeout_ms, int* pResu
 }
 
 bool hook_mmap(void* addr, size_t len, int prot, int flags, int fd, off_t offset, void** pResult) {
-    registry& r = reg();
-    if (fd < 0 || r.m_nFds.load() == 0) {
-        return false;
-    }
-    std::shared_ptr<board> b = r.find_fd(fd);
+    std::shared_ptr<board> b = board_of_fd(fd);
     if (!b) {
         return false;
     }
+    registry& r = reg();
     void* p = nullptr;
     uint64_t generation = 0;
     int index = 0;

@@ -1,7 +1,5 @@
 #include "kv_asi_renderer/kv_asi_frame_filler.h"
 
-#include <glib.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -319,7 +317,7 @@ void kv_asi_frame_filler::fill_asi_data(uint64_t tBegin, uint64_t tEnd, uint8_t*
         const size_t count = static_cast<size_t>(items.end() - it);
         if (count > 0) {
             nSkipTSPackets.fetch_add(count, std::memory_order_relaxed);
-            g_print("kv_asi_rendere: 1: skip pkt = %zu\n", count);
+            m_print.print("kv_asi_rendere: 1: skip pkt = %zu\n", count);
         }
         const size_t n = std::min(nPending, kCarrySize);
         std::memmove(m_pDataSrc.get(), pCursor, n);
@@ -335,7 +333,7 @@ void kv_asi_frame_filler::fill_asi_data(uint64_t tBegin, uint64_t tEnd, uint8_t*
         const size_t count = static_cast<size_t>(items.end() - it) - 1;
         if (count > 0) {
             nSkipTSPackets.fetch_add(count, std::memory_order_relaxed);
-            g_print("kv_asi_rendere: 2: skip pkt = %zu\n", count);
+            m_print.print("kv_asi_rendere: 2: skip pkt = %zu\n", count);
         }
     }
     m_nStuffing = nStuffing;

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "kv_asi_renderer/kv_asi_messages.h"
 #include "mpegcore/fifo/kv_mpegts_item.h"
 
 // Lays transport-stream packets out as ten-bit ASI words in one device frame and keeps
@@ -67,5 +68,6 @@ private:
     std::unique_ptr<uint8_t[]> m_pDataSrc;  // carried packet bytes, kCarrySize
     size_t m_nSizeSrc = 0;                  // bytes pending in m_pDataSrc
     size_t m_nStuffing = 0;                 // idle words owed after the last packet
+    kv_print_limiter m_print;
     bool m_bVectorPacking;                  // see set_vector_packing
 };

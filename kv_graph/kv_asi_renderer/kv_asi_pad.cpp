@@ -56,11 +56,13 @@ GstFlowReturn kv_asi_renderer::chain(GstPad* /*pad*/, GstBuffer* buffer) {
     }
     GstMapInfo map;
     if (gst_buffer_map(buffer, &map, GST_MAP_READ)) {
-        // The DTS when the buffer has one, else the PTS as it is (GST_CLOCK_TIME_NONE
-        // included); nanoseconds to 100 ns units.
+        // The DTS when the buffer has one, else the PTS; nanoseconds to 100 ns units. A
+        // buffer with neither has no time of its own.
         const GstClockTime t =
             GST_BUFFER_DTS_IS_VALID(buffer) ? GST_BUFFER_DTS(buffer) : GST_BUFFER_PTS(buffer);
-        m_renderer.push_data(static_cast<int64_t>(t / 100), map.data, map.size);
+        m_renderer.push_data(GST_CLOCK_TIME_IS_VALID(t) ? static_cast<int64_t>(t / 100)
+                                                        : mpegcore::kv_mpegts_fifo::kNoTime,
+                             map.data, map.size);
         gst_buffer_unmap(buffer, &map);
     }
     gst_buffer_unref(buffer);

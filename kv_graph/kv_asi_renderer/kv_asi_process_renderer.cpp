@@ -3,6 +3,8 @@
 #include <glib.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <exception>
 #include <utility>
 
@@ -54,9 +56,37 @@ bool kv_asi_process_renderer::init(const std::string& name, size_t nCapacity, in
     m_nLatency = m_nRequestedLatency;
     m_filler.reset();
     m_strDeviceName = name;
+    m_eTimeControl = eTimeControl;
+    m_nCapacity = nCapacity;
+    m_tLastStamp = mpegcore::kv_mpegts_fifo::kNoTime;
+    m_watch = watch_state{};
+    m_watch.nFaults = m_pDevice->get_fault_count();
+    m_watch.nFaultBase = m_watch.nFaults;
 
+    if (nCapacity < kPacketSize) {
+        report(kv_asi_level::error, kv_asi_topic::settings,
+               "\"buffer-size\" " + std::to_string(nCapacity) +
+                   " bytes is below one transport packet of " + std::to_string(kPacketSize) +
+                   " bytes",
+               "buffer-size must hold the latency's worth of the stream");
+        return false;
+    }
     if (!m_pDevice->open_device(name)) {
         g_print("kv_asi_renderer: Can't open device, %s\n", name.c_str());
+        if (name.empty()) {
+            report(kv_asi_level::error, kv_asi_topic::settings, "\"v4l2\" is not set",
+                   "name the ASI output's device node, e.g. v4l2=/dev/video0");
+            deinit();
+            return false;
+        }
+        const std::string& strError = m_pDevice->get_error();
+        const int nErrno = m_pDevice->get_errno();
+        const bool bOpen = strError.compare(0, 5, "open:") == 0;
+        report(kv_asi_level::error,
+               bOpen ? kv_asi_topic::device_open : kv_asi_topic::device_setup,
+               (bOpen ? "Cannot open the ASI device \"" : "Cannot set up the ASI device \"") +
+                   name + "\": " + (bOpen ? kv_errno_text(nErrno) : strError),
+               kv_errno_hint(nErrno), nErrno);
         deinit();
         return false;
     }
@@ -72,8 +102,16 @@ bool kv_asi_process_renderer::init(const std::string& name, size_t nCapacity, in
     m_fifo.set_pll_limit_ppm(m_dPllLimitPpm);
     if (!m_fifo.create(nCapacity, kPacketSize, pClock, eTimeControl, bResetWhenEmpty)) {
         g_print("kv_asi_renderer: Can't create fifo, %s\n", name.c_str());
+        report(kv_asi_level::error, kv_asi_topic::fifo,
+               "Cannot create the FIFO of " + std::to_string(nCapacity) + " bytes");
         deinit();
         return false;
+    }
+    if (logs(kv_asi_level::debug)) {
+        report(kv_asi_level::debug, kv_asi_topic::state,
+               "opened " + name + ": " + std::to_string(m_pDevice->get_buffer_count()) +
+                   " buffers, latency " + std::to_string(m_nLatency / 10000) + " ms, FIFO " +
+                   std::to_string(nCapacity) + " bytes");
     }
     return true;
 }
@@ -102,6 +140,8 @@ bool kv_asi_process_renderer::start() {
     }
     if (!m_pDevice->is_open()) {
         g_print("kv_asi_renderer: The device has not been opened\n");
+        report(kv_asi_level::error, kv_asi_topic::device_open,
+               "The ASI device is not open: output cannot start");
         return false;
     }
     // The alarms first: the thread's first pass may already raise one, for instance
@@ -150,7 +190,27 @@ void kv_asi_process_renderer::unanchor() {
 }
 
 void kv_asi_process_renderer::push_data(int64_t tTime, const uint8_t* pData, size_t nSize) {
+    m_nPushes.fetch_add(1, std::memory_order_relaxed);
+    // A stamp is of use when it moves time on; missing and backward ones are not.
+    if (tTime != mpegcore::kv_mpegts_fifo::kNoTime &&
+        (m_tLastStamp == mpegcore::kv_mpegts_fifo::kNoTime || tTime > m_tLastStamp)) {
+        m_tLastStamp = tTime;
+        m_nUsableStamps.fetch_add(1, std::memory_order_relaxed);
+    }
     m_fifo.push_data(tTime, pData, nSize);
+}
+
+void kv_asi_process_renderer::report(kv_asi_level eLevel, kv_asi_topic eTopic,
+                                     std::string strText, std::string strDetail, int nErrno) {
+    if (m_onMessage) {
+        kv_asi_message msg;
+        msg.eLevel = eLevel;
+        msg.eTopic = eTopic;
+        msg.nErrno = nErrno;
+        msg.strText = std::move(strText);
+        msg.strDetail = std::move(strDetail);
+        m_onMessage(msg);
+    }
 }
 
 void kv_asi_process_renderer::end_of_stream() {
@@ -167,6 +227,7 @@ void kv_asi_process_renderer::flush_stop() {
     // The streaming thread is quiet between the two flush events; the output thread
     // may be taking items, which the FIFO's locks allow.
     m_fifo.reset();
+    m_tLastStamp = mpegcore::kv_mpegts_fifo::kNoTime;
     m_bEos = false;
     m_bFlushing = false;
 }
@@ -199,6 +260,7 @@ bool kv_asi_process_renderer::fill_asi_data(uint64_t tBegin, uint64_t tEnd, uint
     const uint64_t nSkipped = m_nSkipped.exchange(0, std::memory_order_relaxed);
     if (nSkipped > 0) {
         m_statistics.add_skip_ts_packets(nSkipped);
+        m_nSkipPackets += nSkipped;
     }
     return true;
 }
@@ -220,6 +282,13 @@ void kv_asi_process_renderer::anchor(uint64_t tBegin, uint32_t nAhead) {
     // The PLL's phase reference becomes the FIFO depth from here on.
     m_fifo.relock_clock();
     m_bAnchored = true;
+    if (logs(kv_asi_level::debug)) {
+        report(kv_asi_level::debug, kv_asi_topic::state,
+               "anchored: frame at device time " + std::to_string(tBegin) + " carries FIFO time " +
+                   std::to_string(tFrame) + ", " + std::to_string(nAhead) +
+                   " frames ahead, latency " + std::to_string(effective_latency() / 10000) +
+                   " ms");
+    }
 }
 
 void kv_asi_process_renderer::reopen_device() {
@@ -232,6 +301,12 @@ void kv_asi_process_renderer::reopen_device() {
     if (m_pDevice->open_device(m_strDeviceName)) {
         m_statistics.set_reset();
         unanchor();
+        m_watch.bGone = false;
+        report(kv_asi_level::info, kv_asi_topic::device_gone,
+               "The ASI device " + m_strDeviceName + " is back and open again");
+    } else if (logs(kv_asi_level::debug)) {
+        report(kv_asi_level::debug, kv_asi_topic::device_gone,
+               "reopening " + m_strDeviceName + ": " + m_pDevice->get_error());
     }
 }
 
@@ -255,27 +330,172 @@ bool kv_asi_process_renderer::is_played_out(uint64_t tBegin, uint32_t nAhead,
 }
 
 bool kv_asi_process_renderer::check_fifo() {
+    const auto now = std::chrono::steady_clock::now();
     if (m_fifo.take_time_base_notice()) {
         // The FIFO carried the stream across the jump; the jump is reported all the same.
         const std::string strError = m_fifo.get_error();
-        g_print("kv_asi_renderer: %s\n", strError.c_str());
+        m_print.print("kv_asi_renderer: %s\n", strError.c_str());
         m_statistics.set_last_error(strError);
         m_statistics.set_reset();
+        if (m_watch.resets.begins(now)) {
+            report(kv_asi_level::warning, kv_asi_topic::reset,
+                   "Stream time jumped (" + strError + "); output carried on without a gap",
+                   "the source restarted or spliced its clock without marking it");
+        }
     }
     if (!m_fifo.is_reset()) {
         return true;
     }
     const std::string strError = m_fifo.get_error();
-    g_print("kv_asi_renderer: %s\n", strError.c_str());
+    m_print.print("kv_asi_renderer: %s\n", strError.c_str());
     m_statistics.set_last_error(strError);
+    std::string strHint;
     if (m_fifo.is_underflow()) {
         m_alarmDispatcher.fifo_underflow_event();
+        strHint = "the input stopped delivering (\"reset-when-empty\" is set); the underflow "
+                  "alarm was raised";
     }
     if (m_fifo.is_overflow()) {
         m_alarmDispatcher.fifo_overflow_event();
+        strHint = "the FIFO (\"buffer-size\" " + std::to_string(m_nCapacity) +
+                  " bytes) filled up: the input came faster than it played out, or the FIFO is "
+                  "too small for the latency; the overflow alarm was raised";
+    }
+    if (m_watch.resets.begins(now)) {
+        report(kv_asi_level::warning, kv_asi_topic::reset,
+               "Output reset: " + strError + "; what was buffered is dropped", strHint);
+    } else if (logs(kv_asi_level::debug)) {
+        report(kv_asi_level::debug, kv_asi_topic::reset, "output reset: " + strError);
     }
     reset();
     return false;
+}
+
+void kv_asi_process_renderer::watch(bool bEos) {
+    const auto now = std::chrono::steady_clock::now();
+    watch_state& w = m_watch;
+
+    // Device faults: each one counted, the last in the statistics' last error.
+    const uint64_t nFaults = m_pDevice->get_fault_count();
+    if (nFaults != w.nFaults) {
+        w.nFaults = nFaults;
+        w.bFaulty = true;
+        const uint64_t n = nFaults - w.nFaultBase;
+        const std::string strError = m_pDevice->get_error() + " (" + std::to_string(n) +
+                                     " device fault" + (n == 1 ? ")" : "s)");
+        m_statistics.set_last_error(strError);
+        const int nErrno = m_pDevice->get_errno();
+        if (w.faults.begins(now)) {
+            report(kv_asi_level::warning, kv_asi_topic::device_fault,
+                   "The ASI device failed: " + m_pDevice->get_error() +
+                       "; retrying, at most a second apart",
+                   kv_errno_hint(nErrno), nErrno);
+        } else if (logs(kv_asi_level::debug)) {
+            report(kv_asi_level::debug, kv_asi_topic::device_fault, strError + "; retrying");
+        }
+    }
+
+    // Frames the board sent without data from us (the count restarts when the node is
+    // opened again).
+    const uint64_t nSkipFrames = m_pDevice->get_skip_frame();
+    if (nSkipFrames > w.nSkipFrames && w.skipFrames.begins(now)) {
+        report(kv_asi_level::warning, kv_asi_topic::skipped,
+               "The board sent " + std::to_string(nSkipFrames - w.nSkipFrames) +
+                   " frame(s) without data: output fell behind the line",
+               "the machine is overloaded or the output thread was held up; more in the "
+               "statistics (\"Skip HW frames\")");
+    }
+    w.nSkipFrames = nSkipFrames;
+    if (m_nSkipPackets > w.nSkipPackets && w.skipPackets.begins(now)) {
+        report(kv_asi_level::warning, kv_asi_topic::skipped,
+               std::to_string(m_nSkipPackets - w.nSkipPackets) +
+                   " transport packet(s) missed their frame and were dropped",
+               "the stream is denser than the line at those moments, or output fell behind; "
+               "more in the statistics (\"Skip TS packets\")");
+    }
+    w.nSkipPackets = m_nSkipPackets;
+
+    // Data that cannot be timed: it arrives, but no PCR (or no usable stamp) comes.
+    const bool bStamp = m_eTimeControl == mpegcore::stamp_time_type;
+    const uint64_t nTimed = bStamp ? m_nUsableStamps.load(std::memory_order_relaxed)
+                                   : m_fifo.get_anchor_count();
+    const uint64_t nPushes = m_nPushes.load(std::memory_order_relaxed);
+    if (nTimed != w.nTimed) {
+        w.nTimed = nTimed;
+        w.bUntimed = false;
+        if (w.bNoTiming) {
+            w.bNoTiming = false;
+            report(kv_asi_level::info, kv_asi_topic::timing,
+                   bStamp ? "Usable time stamps again" : "PCRs again");
+        }
+    } else if (nPushes != w.nPushes && !w.bUntimed) {
+        w.bUntimed = true;
+        w.tUntimedSince = now;
+    }
+    const bool bArriving = nPushes != w.nPushes;
+    w.nPushes = nPushes;
+    if (w.bUntimed && bArriving && !w.bNoTiming && !bEos &&
+        now - w.tUntimedSince >= kTimingTimeout) {
+        w.bNoTiming = true;
+        if (bStamp) {
+            report(kv_asi_level::warning, kv_asi_topic::timing,
+                   "No usable time stamp for 2 s: buffers arrive without time stamps, or with "
+                   "time stamps that do not move on; nothing can be played",
+                   "put a time-stamping parser upstream (tsparse set-timestamps=true), or pace "
+                   "by PCR (\"time-control\" 0)");
+        } else {
+            report(kv_asi_level::warning, kv_asi_topic::timing,
+                   "No PCR for 2 s: the stream cannot be timed and nothing is played",
+                   "play a stream that carries PCRs, or pace by buffer time stamps "
+                   "(\"time-control\" 1)");
+        }
+    }
+    if (w.bNoTiming) {
+        m_alarmDispatcher.fifo_underflow_event();  // the line goes without the stream
+    }
+
+    // A stream faster than the line loses packets whatever the latency.
+    const int64_t nRate = m_fifo.get_rate();
+    if (nRate > kLineRate) {
+        m_alarmDispatcher.fifo_overflow_event();
+        if (!w.bTooFast) {
+            w.bTooFast = true;
+            char text[160];
+            std::snprintf(text, sizeof(text),
+                          "The stream runs at %.3f Mbit/s, faster than the %.3f Mbit/s the line "
+                          "carries: packets are dropped",
+                          static_cast<double>(nRate) / 1e6, static_cast<double>(kLineRate) / 1e6);
+            report(kv_asi_level::warning, kv_asi_topic::rate, text,
+                   "the stream must be re-multiplexed to a lower rate");
+        }
+    } else if (nRate > 0 && w.bTooFast) {
+        w.bTooFast = false;
+        report(kv_asi_level::info, kv_asi_topic::rate, "The stream's rate is within the line's again");
+    }
+
+    // Once the rate is known: the FIFO must hold the latency's worth of it, plus the
+    // packets still waiting for their time.
+    if (!w.bCapacityChecked && nRate > 0) {
+        w.bCapacityChecked = true;
+        const int64_t nHold = m_nLatency + m_fifo.get_anchor_interval();
+        const double dNeeded = static_cast<double>(nRate) / 8.0 * static_cast<double>(nHold) / 1e7;
+        const size_t nUsable = m_nCapacity / kPacketSize * kPacketSize;
+        if (static_cast<double>(nUsable) < dNeeded) {
+            char text[256];
+            std::snprintf(text, sizeof(text),
+                          "\"buffer-size\" %zu bytes holds %.0f ms of this %.1f Mbit/s stream, "
+                          "less than the %lld ms of latency: the FIFO overflows before output "
+                          "starts",
+                          m_nCapacity, static_cast<double>(nUsable) * 8e3 / static_cast<double>(nRate),
+                          static_cast<double>(nRate) / 1e6,
+                          static_cast<long long>(m_nLatency / 10000));
+            char hint[128];
+            std::snprintf(hint, sizeof(hint),
+                          "set \"buffer-size\" to at least %.0f bytes, or lower \"latency\"",
+                          dNeeded * 1.1);
+            report(kv_asi_level::warning, kv_asi_topic::settings, text, hint);
+        }
+    }
 }
 
 void kv_asi_process_renderer::work_thread(std::future<void>&& fExit) {
@@ -318,7 +538,14 @@ void kv_asi_process_renderer::work_thread(std::future<void>&& fExit) {
         // while the FIFO is filling up again, but not once the stream has ended.
         if (nFullness <= m_nLatency / 100 && !bWarmUp && !bHold && !bEos) {
             m_alarmDispatcher.fifo_underflow_event();
+            if (m_watch.underflow.begins(steady::now())) {
+                report(kv_asi_level::warning, kv_asi_topic::alarm,
+                       "Output buffer underflow: the FIFO holds less than 1 % of the latency; "
+                       "the underflow alarm was raised",
+                       "the input is late or has stopped");
+            }
         }
+        watch(bEos);
         if (!check_fifo()) {
             wait = kPollInterval;
             continue;
@@ -344,14 +571,34 @@ void kv_asi_process_renderer::work_thread(std::future<void>&& fExit) {
                 continue;
             }
             if (m_pDevice->is_open() || m_pDevice->is_gone()) {
-                g_print("kv_asi_renderer: m_pDevice->map() ERROR\n");
+                m_print.print("kv_asi_renderer: m_pDevice->map() ERROR\n");
             }
             errorWait = std::min(kMaxRetryInterval, std::max(kPollInterval, errorWait * 2));
             wait = errorWait;
             if (m_pDevice->is_gone() || !m_pDevice->is_open()) {
+                if (!m_watch.bGone) {
+                    m_watch.bGone = true;
+                    const int nErrno = m_pDevice->is_open() ? m_pDevice->get_errno() : ENODEV;
+                    report(kv_asi_level::warning, kv_asi_topic::device_gone,
+                           "The ASI device " + m_strDeviceName + " went away (" +
+                               kv_errno_text(nErrno) +
+                               "); it is opened again as soon as it is back",
+                           kv_errno_hint(nErrno), nErrno);
+                }
+                // A node that went away is looked for once a second.
+                errorWait = kMaxRetryInterval;
+                wait = errorWait;
                 reopen_device();
+            } else if (logs(kv_asi_level::debug)) {
+                report(kv_asi_level::debug, kv_asi_topic::device_fault,
+                       "device not ready (" + m_pDevice->get_error() + "); next try in " +
+                           std::to_string(errorWait.count()) + " ms");
             }
             continue;
+        }
+        if (errorWait.count() > 0 || m_watch.bFaulty) {
+            m_watch.bFaulty = false;
+            report(kv_asi_level::info, kv_asi_topic::device_fault, "The ASI device works again");
         }
         errorWait = std::chrono::milliseconds{0};
         m_statistics.set_skip_hw_frame(m_pDevice->get_skip_frame());
@@ -375,6 +622,11 @@ void kv_asi_process_renderer::work_thread(std::future<void>&& fExit) {
         }
         m_statistics.set_stream_time(static_cast<uint64_t>(m_fifo.get_back_time()));
 
+        if (logs(kv_asi_level::log)) {
+            report(kv_asi_level::log, kv_asi_topic::state,
+                   "frame at " + std::to_string(tBegin) + ": " + std::to_string(items.size()) +
+                       " packets, FIFO " + std::to_string(nFullness / 10000) + " ms");
+        }
         if (!items.empty() || m_filler.get_carry_size() > 0) {
             if (fill_asi_data(tFrameBegin, tFrameEnd, pData, nSize, items)) {
                 m_pDevice->set_data_size(nSize);

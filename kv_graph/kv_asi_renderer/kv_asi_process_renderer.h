@@ -12,6 +12,7 @@
 
 #include "kv_asi_renderer/kv_alarms_dispatcher.h"
 #include "kv_asi_renderer/kv_asi_frame_filler.h"
+#include "kv_asi_renderer/kv_asi_messages.h"
 #include "kv_asi_renderer/kv_asi_renderer_statistics.h"
 #include "kv_asi_renderer/kv_v4l2_asi_output_device.h"
 #include "mpegcore/fifo/kv_mpegts_fifo.h"
@@ -39,6 +40,16 @@
 // buffered is lost and the line is paced again from the first frame after. A device that
 // has not streamed yet is not started before there is something to play.
 //
+// What goes wrong is told through the message callback: an error when init cannot open
+// the device, map its buffers or make the FIFO (and for settings that cannot work); a
+// warning, once per episode, for what output survives: device faults (retried, and
+// counted in the statistics' last error), a node that went away, skipped frames and
+// packets, resets with their reason, the underflow alarm, no PCR (or no usable time
+// stamp) for 2 s while data arrives, a stream faster than the line, and a FIFO too
+// small for the latency at the stream's rate. An episode ends after 10 s without the
+// event, or when the condition clears. Retries, anchoring and the like go out at debug
+// level, per-frame detail at log level.
+//
 // Threads: init, deinit, start, pause, stop and the statistics reset come from the
 // application thread, serialised, and init/deinit only while stopped; push_data,
 // end_of_stream and the flush calls come from the streaming thread (the FIFO locks
@@ -51,6 +62,13 @@ public:
     static constexpr std::chrono::milliseconds kPollInterval{5};
     // A device that keeps failing is retried at most this far apart.
     static constexpr std::chrono::milliseconds kMaxRetryInterval{1000};
+    // Data arriving without a PCR (or usable time stamp) for this long is reported.
+    static constexpr std::chrono::seconds kTimingTimeout{2};
+    // Events of one kind less than this far apart are one episode, reported once.
+    static constexpr std::chrono::seconds kEpisodeGap{10};
+    // What the line carries at most: 27,000,000 words a second, 188 words and two idle
+    // words a packet, in bits per second of 188-byte packets.
+    static constexpr int64_t kLineRate = int64_t{27000000} * 188 * 8 / 190;
     // For this long after each start no underflow alarm is raised (the bound is
     // included: 31 s minus 1 ns).
     static constexpr std::chrono::nanoseconds kWarmUp{30'999'999'999};
@@ -95,6 +113,10 @@ public:
     // the end-of-stream callback runs (on the output thread), once.
     void end_of_stream();
     void set_eos_callback(std::function<void()> fn) { m_onEos = std::move(fn); }
+    // Where messages go (see above); called from the thread that hit the event. Set it
+    // before init. Messages above the given level are not even formatted.
+    void set_message_callback(kv_asi_message_fn fn) { m_onMessage = std::move(fn); }
+    void set_log_level(kv_asi_level eLevel) { m_eLogLevel = static_cast<int>(eLevel); }
     // A flush: from flush_start() to flush_stop() output takes nothing; flush_stop()
     // empties the FIFO and forgets the end of stream, and output re-anchors on what
     // comes next.
@@ -157,6 +179,27 @@ private:
     bool check_fifo();
     // The node is gone: closes it and tries to open it again.
     void reopen_device();
+    bool logs(kv_asi_level eLevel) const {
+        return static_cast<int>(eLevel) <= m_eLogLevel.load(std::memory_order_relaxed);
+    }
+    void report(kv_asi_level eLevel, kv_asi_topic eTopic, std::string strText,
+                std::string strDetail = std::string(), int nErrno = 0);
+    // Output thread, every pass: turns what the device, the fill and the stream did since
+    // the last pass into statistics, alarms and messages.
+    void watch(bool bEos);
+
+    // One kind of event, reported once per episode.
+    struct episode {
+        std::chrono::steady_clock::time_point tLast{};
+        bool bSeen = false;
+        // True for the first event of an episode.
+        bool begins(std::chrono::steady_clock::time_point now) {
+            const bool bNew = !bSeen || now - tLast >= kEpisodeGap;
+            bSeen = true;
+            tLast = now;
+            return bNew;
+        }
+    };
 
     std::shared_ptr<kv_v4l2_asi_output_device> m_pDevice;
     mpegcore::kv_mpegts_fifo m_fifo;
@@ -184,4 +227,33 @@ private:
     std::atomic<uint32_t> m_nFlush{0};  // flushes begun, so a short one is not missed
     std::atomic<uint64_t> m_nLate{0};
     std::function<void()> m_onEos;
+    kv_asi_message_fn m_onMessage;
+    std::atomic<int> m_eLogLevel{static_cast<int>(kv_asi_level::debug)};
+    kv_print_limiter m_print;
+    mpegcore::kv_fifo_time_control m_eTimeControl = mpegcore::pcr_time_type;
+    size_t m_nCapacity = 0;
+
+    // Streaming thread: buffers pushed, and stamps that moved time on (stamp pacing).
+    std::atomic<uint64_t> m_nPushes{0};
+    std::atomic<uint64_t> m_nUsableStamps{0};
+    int64_t m_tLastStamp = mpegcore::kv_mpegts_fifo::kNoTime;
+
+    // Output thread: what watch() has seen so far.
+    struct watch_state {
+        uint64_t nFaults = 0;
+        uint64_t nFaultBase = 0;  // the device's count at init
+        uint64_t nSkipFrames = 0;
+        uint64_t nSkipPackets = 0;
+        uint64_t nTimed = 0;
+        uint64_t nPushes = 0;
+        std::chrono::steady_clock::time_point tUntimedSince{};  // data without timing since
+        bool bUntimed = false;
+        bool bNoTiming = false;
+        bool bTooFast = false;
+        bool bFaulty = false;
+        bool bGone = false;
+        bool bCapacityChecked = false;
+        episode faults, skipFrames, skipPackets, resets, underflow;
+    } m_watch;
+    uint64_t m_nSkipPackets = 0;  // output thread: packets the fill dropped, ever
 };

@@ -1,5 +1,7 @@
 #include "kv_asi_renderer/kv_asi_renderer.h"
 
+#include <cerrno>
+
 #include "kv_asi_renderer/kv_asi_pad.h"
 #include "kv_asi_renderer/kv_gst_asi_renderer.h"
 
@@ -10,10 +12,97 @@ kv_asi_renderer::kv_asi_renderer(_gstKVASIRenderer* pElement, GstElementClass* p
     }
     gst_element_add_pad(GST_ELEMENT(pElement), kv_asi_new_sink_pad());
     m_renderer.set_eos_callback([this] { post_eos(); });
+    m_renderer.set_message_callback([this](const kv_asi_message& m) { post_message(m); });
+}
+
+namespace {
+
+// The bus message's error domain and code for what the engine reports.
+void error_of(const kv_asi_message& m, GQuark& domain, gint& code) {
+    domain = GST_RESOURCE_ERROR;
+    switch (m.eTopic) {
+        case kv_asi_topic::device_open:
+            code = m.nErrno == ENOENT                      ? GST_RESOURCE_ERROR_NOT_FOUND
+                   : m.nErrno == EACCES || m.nErrno == EPERM ? GST_RESOURCE_ERROR_NOT_AUTHORIZED
+                   : m.nErrno == EBUSY                     ? GST_RESOURCE_ERROR_BUSY
+                                                           : GST_RESOURCE_ERROR_OPEN_READ_WRITE;
+            break;
+        case kv_asi_topic::device_setup:
+        case kv_asi_topic::settings:
+            code = GST_RESOURCE_ERROR_SETTINGS;
+            break;
+        case kv_asi_topic::fifo:
+            code = GST_RESOURCE_ERROR_NO_SPACE_LEFT;
+            break;
+        case kv_asi_topic::device_fault:
+        case kv_asi_topic::device_gone:
+        case kv_asi_topic::skipped:
+            code = GST_RESOURCE_ERROR_WRITE;
+            break;
+        case kv_asi_topic::timing:
+        case kv_asi_topic::rate:
+            domain = GST_STREAM_ERROR;
+            code = GST_STREAM_ERROR_FORMAT;
+            break;
+        case kv_asi_topic::reset:
+        case kv_asi_topic::alarm:
+        case kv_asi_topic::state:
+        default:
+            domain = GST_STREAM_ERROR;
+            code = GST_STREAM_ERROR_FAILED;
+            break;
+    }
+}
+
+GstDebugLevel debug_level_of(kv_asi_level e) {
+    switch (e) {
+        case kv_asi_level::error:
+            return GST_LEVEL_ERROR;
+        case kv_asi_level::warning:
+            return GST_LEVEL_WARNING;
+        case kv_asi_level::info:
+            return GST_LEVEL_INFO;
+        case kv_asi_level::debug:
+            return GST_LEVEL_DEBUG;
+        case kv_asi_level::log:
+        default:
+            return GST_LEVEL_LOG;
+    }
+}
+
+}  // namespace
+
+void kv_asi_renderer::post_message(const kv_asi_message& m) {
+    // The hint is part of what the user reads; the OS error number is for developers.
+    const std::string strText = m.strDetail.empty() ? m.strText : m.strText + " (" + m.strDetail + ")";
+    if (gst_kv_asi_renderer_debug != nullptr) {
+        GST_CAT_LEVEL_LOG(gst_kv_asi_renderer_debug, debug_level_of(m.eLevel), m_pElement, "%s",
+                          strText.c_str());
+    }
+    if (m_pElement == nullptr || m.eLevel > kv_asi_level::warning) {
+        return;
+    }
+    GQuark domain = 0;
+    gint code = 0;
+    error_of(m, domain, code);
+    gchar* debug = m.nErrno != 0 ? g_strdup_printf("errno %d", m.nErrno) : nullptr;
+    gst_element_message_full(GST_ELEMENT(m_pElement),
+                             m.eLevel == kv_asi_level::error ? GST_MESSAGE_ERROR
+                                                             : GST_MESSAGE_WARNING,
+                             domain, code, g_strdup(strText.c_str()), debug, __FILE__,
+                             GST_FUNCTION, __LINE__);
 }
 
 bool kv_asi_renderer::open() {
     m_renderer.set_pll_limit_ppm(m_nPllLimitPpm);
+    // What the engine formats for the debug log follows the category's level at open.
+    const GstDebugLevel level = gst_kv_asi_renderer_debug != nullptr
+                                    ? gst_debug_category_get_threshold(gst_kv_asi_renderer_debug)
+                                    : GST_LEVEL_NONE;
+    m_renderer.set_log_level(level >= GST_LEVEL_LOG     ? kv_asi_level::log
+                             : level >= GST_LEVEL_DEBUG ? kv_asi_level::debug
+                             : level >= GST_LEVEL_INFO  ? kv_asi_level::info
+                                                        : kv_asi_level::warning);
     if (!m_renderer.init(m_strV4l2Name, m_nCapacity, m_nLatency, m_eTimeControl, m_bPLL,
                          m_bResetWhenEmpty)) {
         return false;
@@ -159,6 +248,11 @@ void kv_asi_renderer::get_statistics(GValue* value) {
 }
 
 GstStateChangeReturn kv_asi_renderer::change_state(GstStateChange transition) {
+    if (gst_kv_asi_renderer_debug != nullptr) {
+        GST_CAT_INFO_OBJECT(gst_kv_asi_renderer_debug, m_pElement, "state change %s to %s",
+                            gst_element_state_get_name(GST_STATE_TRANSITION_CURRENT(transition)),
+                            gst_element_state_get_name(GST_STATE_TRANSITION_NEXT(transition)));
+    }
     switch (transition) {
         case GST_STATE_CHANGE_NULL_TO_READY:
             if (!open()) {

@@ -75,6 +75,9 @@ private:
     void warn_invalid_property(guint id, GParamSpec* pspec);
     // Posts EOS on the bus; runs on the output thread.
     void post_eos();
+    // The engine's message as a bus ERROR or WARNING and a line in the debug category
+    // (any level); runs on the thread that hit the event.
+    void post_message(const kv_asi_message& m);
 
     _gstKVASIRenderer* m_pElement;
     GstElementClass* m_pParentClass;

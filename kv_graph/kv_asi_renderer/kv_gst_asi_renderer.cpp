@@ -4,6 +4,15 @@
 
 GST_DEBUG_CATEGORY(gst_kv_asi_renderer_debug);
 
+void kv_asi_debug_init() {
+    static gsize done = 0;
+    if (g_once_init_enter(&done)) {
+        GST_DEBUG_CATEGORY_INIT(gst_kv_asi_renderer_debug, "kv_asi_renderer", 0,
+                                "Karvo MBXXX ASI Renderer Element");
+        g_once_init_leave(&done, 1);
+    }
+}
+
 GstStaticPadTemplate sink_asi_pad =
     GST_STATIC_PAD_TEMPLATE("sink", GST_PAD_SINK, GST_PAD_ALWAYS, GST_STATIC_CAPS_ANY);
 
@@ -58,6 +67,7 @@ void gst_kv_asi_renderer_base_init(gpointer klass) {
 }
 
 void gst_kv_asi_renderer_class_init(gpointer klass, gpointer /*class_data*/) {
+    kv_asi_debug_init();
     GObjectClass* gobject_class = G_OBJECT_CLASS(klass);
     GstElementClass* element_class = GST_ELEMENT_CLASS(klass);
 
@@ -116,10 +126,7 @@ void gst_kv_asi_renderer_class_init(gpointer klass, gpointer /*class_data*/) {
 }
 
 gboolean plugin_init(GstPlugin* plugin) {
-    if (!gst_kv_asi_renderer_debug) {
-        GST_DEBUG_CATEGORY_INIT(gst_kv_asi_renderer_debug, "kv_asi_renderer", 0,
-                                "Karvo MBXXX ASI Renderer Element");
-    }
+    kv_asi_debug_init();
     return gst_element_register(plugin, "kv_asi_renderer", GST_RANK_NONE,
                                 gst_kv_asi_renderer_get_type());
 }

@@ -35,6 +35,8 @@ GType gst_kv_asi_renderer_get_type(void);
 extern GstStaticPadTemplate sink_asi_pad;
 
 GST_DEBUG_CATEGORY_EXTERN(gst_kv_asi_renderer_debug);
+// Makes the element's debug category ("kv_asi_renderer") once per process.
+void kv_asi_debug_init();
 
 // The plugin descriptor the registry loads the module through.
 GST_PLUGIN_EXPORT const GstPluginDesc* gst_plugin_kv_asi_renderer_get_desc(void);

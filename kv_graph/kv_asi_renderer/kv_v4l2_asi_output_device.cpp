@@ -91,8 +91,11 @@ bool kv_v4l2_asi_output_device::open_device(const std::string& name) {
     m_curr_buff_index = 0;
     m_nSkipFrame = 0;
 
+    m_nErrno = 0;
+    m_strError.clear();
     const int fd = ::open(name.c_str(), O_RDWR);
     if (fd == -1) {
+        set_error("open", errno);
         g_print("kv_asi_renderer: Can't open asi device: %s\n", name.c_str());
         return false;
     }
@@ -133,6 +136,7 @@ bool kv_v4l2_asi_output_device::set_video_format(int fd) {
         m_eDeviceType = V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE;
         fmt.type = m_eDeviceType;
         if (xioctl(fd, VIDIOC_G_FMT, &fmt) == -1) {
+            set_error("VIDIOC_G_FMT", errno);
             g_print("kv_asi_renderer: Can't get VIDIOC_G_FMT #1\n");
             return false;
         }
@@ -147,6 +151,7 @@ bool kv_v4l2_asi_output_device::set_video_format(int fd) {
         fmt.fmt.pix.pixelformat = kPixelFormat;
     }
     if (xioctl(fd, VIDIOC_S_FMT, &fmt) == -1) {
+        set_error("VIDIOC_S_FMT", errno);
         g_print("kv_asi_renderer: Can't get VIDIOC_S_FMT\n");
         return false;
     }
@@ -157,6 +162,7 @@ bool kv_v4l2_asi_output_device::mmap_buffers(int fd) {
     v4l2_format fmt{};
     fmt.type = m_eDeviceType;
     if (xioctl(fd, VIDIOC_G_FMT, &fmt) == -1) {
+        set_error("VIDIOC_G_FMT", errno);
         g_print("kv_asi_renderer: Can't get VIDIOC_G_FMT #2\n");
         return false;
     }
@@ -168,6 +174,7 @@ bool kv_v4l2_asi_output_device::mmap_buffers(int fd) {
     req.memory = V4L2_MEMORY_MMAP;
     // A driver that grants no buffer at all cannot stream either.
     if (xioctl(fd, VIDIOC_REQBUFS, &req) == -1 || req.count == 0) {
+        set_error("VIDIOC_REQBUFS", req.count == 0 ? ENOMEM : errno);
         g_print("kv_asi_renderer: Can't request asi buffers\n");
         return false;
     }
@@ -188,6 +195,7 @@ bool kv_v4l2_asi_output_device::mmap_buffers(int fd) {
             rec.buf.length = 1;
             rec.buf.m.planes = rec.planes;
             if (xioctl(fd, VIDIOC_QUERYBUF, &rec.buf) == -1) {
+                set_error("VIDIOC_QUERYBUF", errno);
                 m_vASIBuf.pop_back();
                 g_print("kv_asi_renderer: Can't map asi mplane buffer #%d/%d\n",
                         static_cast<int>(i + 1), static_cast<int>(count));
@@ -200,6 +208,7 @@ bool kv_v4l2_asi_output_device::mmap_buffers(int fd) {
             p = ::mmap(nullptr, plane.length, PROT_READ | PROT_WRITE, MAP_SHARED, fd,
                        plane.m.mem_offset);
             if (p == MAP_FAILED) {
+                set_error("mmap", errno);
                 g_print("kv_asi_renderer: Can't map field[0] for bufer[%d<%d]\n",
                         static_cast<int>(i), static_cast<int>(count));
             } else {
@@ -207,6 +216,7 @@ bool kv_v4l2_asi_output_device::mmap_buffers(int fd) {
             }
         } else {
             if (xioctl(fd, VIDIOC_QUERYBUF, &rec.buf) == -1) {
+                set_error("VIDIOC_QUERYBUF", errno);
                 m_vASIBuf.pop_back();
                 g_print("kv_asi_renderer: Can't map asi splane buffer #%d/%d\n",
                         static_cast<int>(i + 1), static_cast<int>(count));
@@ -215,23 +225,35 @@ bool kv_v4l2_asi_output_device::mmap_buffers(int fd) {
             rec.buf.bytesused = static_cast<uint32_t>(std::min<size_t>(limit, rec.buf.length));
             p = ::mmap(nullptr, rec.buf.length, PROT_READ | PROT_WRITE, MAP_SHARED, fd,
                        rec.buf.m.offset);
-            // A failed mapping leaves an empty record; the size warning below reports it.
+            // A failed mapping leaves an empty record; the size check below refuses it.
             if (p != MAP_FAILED) {
                 rec.nSize = rec.buf.length;
+            } else {
+                set_error("mmap", errno);
             }
         }
         rec.pData = p == MAP_FAILED ? nullptr : static_cast<uint8_t*>(p);
     }
 
+    // A buffer that failed to map or cannot hold a frame would silently cost every frame
+    // it carries: the device is refused instead.
+    bool bWhole = true;
     for (size_t i = 0; i < m_vASIBuf.size(); ++i) {
         if (m_vASIBuf[i].nSize < limit) {
             g_print("kv_asi_renderer: buffer[%ld] has size %ld < %ld=limit !!!!!\n",
-                    static_cast<long>(i), static_cast<long>(m_vASIBuf[i].nSize),
-                    static_cast<long>(limit));
+                          static_cast<long>(i), static_cast<long>(m_vASIBuf[i].nSize),
+                          static_cast<long>(limit));
+            if (bWhole && m_vASIBuf[i].pData != nullptr) {
+                m_nErrno = 0;
+                m_strError = "driver buffer " + std::to_string(i) + " holds " +
+                             std::to_string(m_vASIBuf[i].nSize) + " bytes, a frame needs " +
+                             std::to_string(limit);
+            }
+            bWhole = false;
         }
     }
     m_buffer_size = m_fmtASI.sizeimage;
-    return true;
+    return bWhole;
 }
 
 void kv_v4l2_asi_output_device::unmmap_buffers() {
@@ -250,7 +272,8 @@ bool kv_v4l2_asi_output_device::start() {
     int type = m_eDeviceType;
     if (xioctl(m_hASI, VIDIOC_STREAMON, &type) == -1) {
         m_bGone = errno == ENODEV;
-        g_print("kv_asi_renderer: Can't stream on, device = %s\n", m_strASIName.c_str());
+        count_fault("VIDIOC_STREAMON", errno);
+        m_print.print("kv_asi_renderer: Can't stream on, device = %s\n", m_strASIName.c_str());
         return false;
     }
     m_bStarted = true;
@@ -262,7 +285,7 @@ void kv_v4l2_asi_output_device::stop() {
     if (m_hASI != -1) {
         int type = m_eDeviceType;
         if (xioctl(m_hASI, VIDIOC_STREAMOFF, &type) == -1) {
-            g_print("kv_asi_renderer: Can't stream off, device = %s\n", m_strASIName.c_str());
+            m_print.print("kv_asi_renderer: Can't stream off, device = %s\n", m_strASIName.c_str());
         }
     }
     // Every buffer is ours again: the next maps prime the ring, continuing the frame
@@ -317,8 +340,10 @@ bool kv_v4l2_asi_output_device::map(uint64_t& tBegin, uint64_t& tEnd, uint8_t** 
             return false;
         }
         if (xioctl(m_hASI, VIDIOC_DQBUF, &m_cur_buffer) == -1 || m_cur_buffer.index >= records) {
-            m_bGone = errno == ENODEV;
-            g_print("kv_asi_renderer: Can't DQBUF\n");
+            const int err = m_cur_buffer.index >= records ? EINVAL : errno;
+            m_bGone = err == ENODEV;
+            count_fault("VIDIOC_DQBUF", err);
+            m_print.print("kv_asi_renderer: Can't DQBUF\n");
             return false;
         }
         rec = &m_vASIBuf[m_cur_buffer.index];
@@ -341,7 +366,7 @@ bool kv_v4l2_asi_output_device::map(uint64_t& tBegin, uint64_t& tEnd, uint8_t** 
             const int32_t step = static_cast<int32_t>(n - last);
             if (step > 1) {
                 const uint32_t skipped = static_cast<uint32_t>(step - 1);
-                g_print("kv_asi_renderer: skip frame = %u  %u->%u/%u\n", skipped, last, n, records);
+                m_print.print("kv_asi_renderer: skip frame = %u  %u->%u/%u\n", skipped, last, n, records);
                 m_nSkipFrame += skipped;
             } else if (step < 1) {
                 n = last + 1;
@@ -373,7 +398,9 @@ bool kv_v4l2_asi_output_device::unmap() {
     ++m_curr_buff_index;
 
     if (xioctl(m_hASI, VIDIOC_QBUF, &m_cur_buffer) == -1) {
-        g_print("kv_asi_renderer: -1 == ::xioctl(m_hASI, VIDIOC_QBUF, &m_cur_buffer)\n");
+        m_bGone = errno == ENODEV;
+        count_fault("VIDIOC_QBUF", errno);
+        m_print.print("kv_asi_renderer: -1 == ::xioctl(m_hASI, VIDIOC_QBUF, &m_cur_buffer)\n");
         // The buffer stays ours: it is queued again before the next one is handed out,
         // so the ring stays whole.
         m_bRequeue = true;
@@ -417,7 +444,8 @@ bool kv_v4l2_asi_output_device::heal() {
         }
         if (xioctl(m_hASI, VIDIOC_QBUF, &b) == -1) {
             m_bGone = errno == ENODEV;
-            g_print("kv_asi_renderer: -1 == ::xioctl(m_hASI, VIDIOC_QBUF, &m_cur_buffer)\n");
+            count_fault("VIDIOC_QBUF", errno);
+            m_print.print("kv_asi_renderer: -1 == ::xioctl(m_hASI, VIDIOC_QBUF, &m_cur_buffer)\n");
             back_off();
             return false;
         }
@@ -429,6 +457,16 @@ bool kv_v4l2_asi_output_device::heal() {
     }
     m_retryDelay = std::chrono::milliseconds(0);
     return true;
+}
+
+void kv_v4l2_asi_output_device::set_error(const char* op, int err) {
+    m_nErrno = err;
+    m_strError = std::string(op) + ": " + kv_errno_text(err);
+}
+
+void kv_v4l2_asi_output_device::count_fault(const char* op, int err) {
+    set_error(op, err);
+    ++m_nFaults;
 }
 
 int64_t kv_v4l2_asi_output_device::get_clock_time() {
@@ -447,7 +485,7 @@ int64_t kv_v4l2_asi_output_device::get_clock_time() {
     for (;;) {
         uint32_t counter = 0;
         if (!read_counter(m_hASI, counter)) {
-            g_print("kv_asi_renderer: -1 == nErr\n");
+            m_print.print("kv_asi_renderer: -1 == nErr\n");
             // Without the counter, fall back on the frame count.
             const float t =
                 static_cast<float>(static_cast<uint64_t>(m_seq_frame) * kUnitsPerSecond);

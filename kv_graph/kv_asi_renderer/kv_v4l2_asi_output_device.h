@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "kv_asi_renderer/kv_asi_messages.h"
 #include "kv_asi_renderer/kv_data_provider.h"
 #include "mpegcore/kv_clock.h"
 
@@ -57,7 +58,9 @@ public:
     int64_t get_clock_time() override;
 
     // Closes whatever is open, resets every counter (the clock accumulator too),
-    // opens and formats the node and maps its buffers.
+    // opens and formats the node and maps its buffers. False when a step fails, with
+    // get_error() saying which and why; a buffer that cannot be mapped or is shorter
+    // than a frame fails the open too, as it would cost every frame it carries.
     bool open_device(const std::string& name);
     void close_device();
     bool is_open() const { return m_hASI >= 0; }
@@ -73,6 +76,15 @@ public:
     // The last map() failed because the node is gone (unplugged, driver unloaded): only
     // opening it again can help.
     bool is_gone() const { return m_bGone; }
+
+    // The last failure: the call and the OS error text ("VIDIOC_DQBUF: Input/output
+    // error"), or what was wrong with the driver's buffers; its errno (0 when the
+    // failure was not the OS's). Kept until the next open.
+    const std::string& get_error() const { return m_strError; }
+    int get_errno() const { return m_nErrno; }
+    // Driver calls that failed while playing (STREAMON, QBUF, DQBUF), since the device
+    // object was made (reopening does not start the count again).
+    uint64_t get_fault_count() const { return m_nFaults; }
 
     // Frames the driver sent without new data from us, seen as sequence gaps.
     uint64_t get_skip_frame() const { return m_nSkipFrame; }
@@ -106,6 +118,9 @@ private:
     // waits longer after each failure, up to a second).
     bool heal();
     void back_off();
+    void set_error(const char* op, int err);
+    // A failed driver call while playing.
+    void count_fault(const char* op, int err);
 
     // Atomic because the streaming thread reads the clock through it while the output
     // thread may be reopening the node after a FIFO reset.
@@ -133,6 +148,10 @@ private:
     uint32_t m_nRequeueIndex = 0;
     std::chrono::steady_clock::time_point m_tRetry{};
     std::chrono::milliseconds m_retryDelay{0};
+    std::string m_strError;
+    int m_nErrno = 0;
+    uint64_t m_nFaults = 0;
+    kv_print_limiter m_print;
     std::mutex m_csTimeStamp;  // not taken: the clock path is lock-free
     std::atomic<uint64_t> m_nTimeStamp{0};
     std::atomic<uint32_t> m_nLastTimeStamp{0};

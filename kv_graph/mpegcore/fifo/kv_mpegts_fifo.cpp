@@ -85,6 +85,7 @@ void kv_mpegts_fifo::destroy() {
     m_pid_pcr = -1;
     m_pll.reset();
     m_tMaxAnchorInterval = 0;
+    m_nRate = 0;
     m_pClock.reset();
     m_nCapacity = 0;
     m_nItemSize = TS_PACKET_SIZE;
@@ -110,6 +111,8 @@ void kv_mpegts_fifo::reset() {
         m_bFifoOverflow = false;
         m_bEnded = false;
         m_tMaxAnchorInterval = 0;
+        m_nRate = 0;
+    m_nRate = 0;
     }
     std::lock_guard<std::mutex> lockJitter(m_csMapJitter);
     m_mapJitter.clear();
@@ -125,6 +128,7 @@ void kv_mpegts_fifo::reset_stream() {
     m_bFirst = true;
     m_pll.reset();
     m_tMaxAnchorInterval = 0;
+    m_nRate = 0;
 }
 
 void kv_mpegts_fifo::push_data(int64_t tTime, const uint8_t* pData, size_t nSize) {
@@ -133,6 +137,11 @@ void kv_mpegts_fifo::push_data(int64_t tTime, const uint8_t* pData, size_t nSize
         return;
     }
     if (m_time_control != stamp_time_type) {
+        Process(pData, nSize);
+        return;
+    }
+    if (tTime == kNoTime) {
+        // No stamp: its packets wait, and take their times from the next stamped buffer.
         Process(pData, nSize);
         return;
     }
@@ -235,7 +244,15 @@ void kv_mpegts_fifo::count_anchor(int64_t t) {
         if (m_tLastInterval > m_tMaxAnchorInterval.load(std::memory_order_relaxed)) {
             m_tMaxAnchorInterval.store(m_tLastInterval, std::memory_order_relaxed);
         }
+        if (m_tLastInterval > 0) {
+            // Bits per second: packets x item bits over the interval in 100 ns units.
+            const auto bits = static_cast<unsigned __int128>(m_nSinceAnchor) * m_nItemSize * 8;
+            m_nRate.store(static_cast<int64_t>(bits * 10000000 /
+                                               static_cast<uint64_t>(m_tLastInterval)),
+                          std::memory_order_relaxed);
+        }
     }
+    m_nAnchors.fetch_add(1, std::memory_order_relaxed);
     m_tPrevAnchor = t;
     m_nSinceAnchor = 1;
 }

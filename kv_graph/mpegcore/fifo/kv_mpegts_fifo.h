@@ -80,8 +80,12 @@ public:
     // item, the last error text and the pending buffer time are kept.
     void reset();
 
+    // A buffer without a time (stamp pacing only).
+    static constexpr int64_t kNoTime = INT64_MIN;
+
     // Feeds a buffer of bytes in any chunking; tTime (100 ns units) is its time, used
-    // only in stamp pacing. Does nothing while is_reset() is set.
+    // only in stamp pacing, where a buffer of kNoTime joins the next stamped one. Does
+    // nothing while is_reset() is set.
     void push_data(int64_t tTime, const uint8_t* pData, size_t nSize);
     // Appends to `items`, oldest first, every item whose due time is not later than
     // tTo. tFrom is not a lower bound: late items are handed out too.
@@ -102,6 +106,11 @@ public:
     int64_t get_anchor_interval() const {
         return m_tMaxAnchorInterval.load(std::memory_order_relaxed);
     }
+    // Anchors (PCRs of the pacing PID, or stamped buffers) since construction, and the
+    // stream's rate over the last whole anchor interval in bits per second (0 until the
+    // second anchor after a reset). Any thread.
+    uint64_t get_anchor_count() const { return m_nAnchors.load(std::memory_order_relaxed); }
+    int64_t get_rate() const { return m_nRate.load(std::memory_order_relaxed); }
     // From the consumer thread: the PLL restarts its lock at the next anchor, keeping the
     // corrected time line continuous.
     void relock_clock() { m_bRelock.store(true, std::memory_order_release); }
@@ -183,6 +192,8 @@ private:
     int64_t m_tLastInterval = 0;
     size_t m_nLastIntervalPackets = 0;
     std::atomic<int64_t> m_tMaxAnchorInterval{0};
+    std::atomic<int64_t> m_nRate{0};
+    std::atomic<uint64_t> m_nAnchors{0};
     kv_fifo_time_control m_time_control = pcr_time_type;
     KVSDK::KVMemoryManager m_memory_manager;  // under m_csFreeItems
     std::recursive_mutex m_csFreeItems;       // m_listFreeItems, m_memory_manager

@@ -156,7 +156,7 @@ TEST_P(DeviceStreaming, NumberingFromTheFirstBufferBackSkipsStopAndReopen) {
     EXPECT_EQ(counters().dqbuf, dq);
 }
 
-TEST_P(DeviceStreaming, ClockWrapFrameFallbackAndSmallBuffers) {
+TEST_P(DeviceStreaming, ClockWrapFrameFallbackAndShortBuffersRefused) {
     ASSERT_TRUE(dev.open_device(kNode));
     ASSERT_EQ(kv_vboard_set_counter_value(kNode, 0xFFFFFFF0u), 0);
     EXPECT_EQ(dev.get_clock_time(), static_cast<int64_t>(0xFFFFFFF0ull * 100 / 1485));
@@ -171,17 +171,18 @@ TEST_P(DeviceStreaming, ClockWrapFrameFallbackAndSmallBuffers) {
     EXPECT_EQ(dev.get_clock_time(), 1200000);
     EXPECT_EQ(GetCapturedStdout(), P + "-1 == nErr\n");
 
-    // Driver buffers smaller than a frame: a warning per buffer, and streaming goes on.
+    // Driver buffers smaller than a frame: a line per buffer, and the device is refused
+    // (every frame would be lost), saying why.
     add_board(2, 600000);
     CaptureStdout();
-    ASSERT_TRUE(dev.open_device(kNode));
+    EXPECT_FALSE(dev.open_device(kNode));
     std::string expected = P + "Open asi device: " + kNode + "\n";
     for (int i = 0; i < 6; ++i) {
         expected += P + "buffer[" + std::to_string(i) + "] has size 600000 < 675000=limit !!!!!\n";
     }
     EXPECT_EQ(GetCapturedStdout(), expected);
-    EXPECT_EQ(dev.get_buffer_size(), 600000u);
-    EXPECT_TRUE(cycle(7));
+    EXPECT_FALSE(dev.is_open());
+    EXPECT_EQ(dev.get_error(), "driver buffer 0 holds 600000 bytes, a frame needs 675000");
 }
 
 // The streaming thread reads the clock while the output thread cycles buffers: no data

@@ -4,6 +4,9 @@
 
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
+
 #include "wire_fixture.h"
 
 namespace {
@@ -87,7 +90,7 @@ TEST_F(WireFaultsConcurrency, NodeVanishingMidPlayStopsTheLineButNotTheElement) 
     GstState state = GST_STATE_VOID_PENDING;
     EXPECT_EQ(gst_element_get_state(m_sink, &state, nullptr, 0), GST_STATE_CHANGE_SUCCESS);
     EXPECT_EQ(state, GST_STATE_PLAYING);
-    EXPECT_EQ(bus_errors(), 0);
+    EXPECT_EQ(bus_errors(), 0u);
 
     // Stopping does not hang and leaves nothing open; starting fails until the node is back.
     ASSERT_EQ(set_state(GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
@@ -102,6 +105,7 @@ TEST_F(WireFaultsConcurrency, NodeVanishingMidPlayStopsTheLineButNotTheElement) 
 }
 
 TEST_F(WireFaultsRealTime, DqbufFailingForAWhileCostsFramesNotPackets) {
+    const std::string kWrite = "gst-resource-error-quark " + std::to_string(GST_RESOURCE_ERROR_WRITE) + ": ";
     const ts_stream s = kvtest::generated(5000000, 3);
     // Six failures, retried ever further apart (5 ms doubling: about 0.3 s in all),
     // outlast the six queued buffers: the board sends idle frames and the element sees a
@@ -111,8 +115,19 @@ TEST_F(WireFaultsRealTime, DqbufFailingForAWhileCostsFramesNotPackets) {
     EXPECT_GT(o.board.idle_frames, 0u);
     EXPECT_EQ(o.skip_hw, o.board.idle_frames);
     EXPECT_EQ(o.skip_ts + o.resets, 0u);
-    EXPECT_EQ(o.last_error, "");
     EXPECT_EQ(o.underflows + o.overflows, 0u);
+    // Each fault counted, one warning for the episode, one for the frames it cost.
+    EXPECT_EQ(o.last_error, "VIDIOC_DQBUF: " + std::string(std::strerror(EIO)) + " (6 device faults)");
+    EXPECT_EQ(o.warnings,
+              (std::vector<std::string>{
+                  kWrite + "The ASI device failed: VIDIOC_DQBUF: " +
+                      std::string(std::strerror(EIO)) +
+                      "; retrying, at most a second apart (the board reported a fault; see the "
+                      "kernel log (dmesg))",
+                  kWrite + "The board sent " + std::to_string(o.skip_hw) +
+                      " frame(s) without data: output fell behind the line (the machine is "
+                      "overloaded or the output thread was held up; more in the statistics "
+                      "(\"Skip HW frames\"))"}));
 
     // None is lost. After the outage the six buffers sent during it come back with old
     // frame numbers, so for six frames the line runs late; the next buffer's number shows

@@ -31,6 +31,11 @@ kv_asi_analyze::report check_packets(const wire::outcome& o, const ts_stream& s,
         EXPECT_EQ(o.skip_hw, 0u) << "the element missed frames";
     }
     if (o.skip_hw == 0) {
+        // A clean play-out says nothing, not even at the line's limit; a raised latency
+        // is said at the start.
+        for (const std::string& w : o.warnings) {
+            EXPECT_NE(w.find("\"latency\""), std::string::npos) << w;
+        }
         EXPECT_EQ(o.skip_ts, 0u);
         EXPECT_EQ(all.source.missing, 0u);
         EXPECT_GE(all.source.matched, end - first);
@@ -104,7 +109,7 @@ TEST_F(WireRealTime, SmallLatenciesAreRaisedAndNoPacketIsLate) {
             return st;
         }());
         ASSERT_EQ(set_state(GST_STATE_READY), GST_STATE_CHANGE_SUCCESS);
-        EXPECT_EQ(bus_messages(GST_MESSAGE_WARNING), latency == 50u ? 1 : 0) << latency;
+        EXPECT_EQ(bus_messages(GST_MESSAGE_WARNING).size(), latency == 50u ? 1u : 0u) << latency;
         TearDown();
         SetUp();
     }

@@ -212,6 +212,7 @@ struct outcome {
     uint64_t resets = 0, skip_ts = 0, skip_hw = 0;
     std::string last_error;
     uint32_t underflows = 0, overflows = 0;
+    std::vector<std::string> warnings;  // on the bus, as "domain code: text"
 };
 
 // tsparse from the system's plugin file, when it is installed.
@@ -354,18 +355,29 @@ protected:
     kv_vboard_counters counters() { return kvtest::counters(kNode); }
     std::string stat(const std::string& name) { return kvtest::stat(m_sink, name); }
 
-    // Messages of a type on the bus so far (taken off it).
-    int bus_messages(GstMessageType type) {
+    // Errors or warnings on the bus so far, as "domain code: text". Both kinds are taken
+    // off the bus together (popping one kind drops the other) and kept until asked for.
+    std::vector<std::string> bus_messages(GstMessageType type) {
         GstBus* bus = gst_element_get_bus(m_pipeline);
-        int n = 0;
-        for (GstMessage* m; (m = gst_bus_pop_filtered(bus, type)) != nullptr; ++n) {
+        const auto both = static_cast<GstMessageType>(GST_MESSAGE_ERROR | GST_MESSAGE_WARNING);
+        for (GstMessage* m; (m = gst_bus_pop_filtered(bus, both)) != nullptr;) {
+            GError* err = nullptr;
+            const bool bError = GST_MESSAGE_TYPE(m) == GST_MESSAGE_ERROR;
+            if (bError) {
+                gst_message_parse_error(m, &err, nullptr);
+            } else {
+                gst_message_parse_warning(m, &err, nullptr);
+            }
+            m_bus[bError].push_back(std::string(g_quark_to_string(err->domain)) + " " +
+                                    std::to_string(err->code) + ": " + err->message);
+            g_clear_error(&err);
             gst_message_unref(m);
         }
         gst_object_unref(bus);
-        return n;
+        return std::exchange(m_bus[type == GST_MESSAGE_ERROR], {});
     }
-    // Error messages on the bus: the element must never post one.
-    int bus_errors() { return bus_messages(GST_MESSAGE_ERROR); }
+    // Error messages on the bus: the element must never post one while it plays.
+    size_t bus_errors() { return bus_messages(GST_MESSAGE_ERROR).size(); }
 
     // Builds and plays, runs feed_fn, waits until the line has carried no new packet for
     // 0.2 s, takes the account and stops. A free-running line is fed before it starts, as it
@@ -383,7 +395,8 @@ protected:
             std::this_thread::sleep_for(std::chrono::milliseconds(st.latency_ms));
         }
         wait_quiet();
-        EXPECT_EQ(bus_errors(), 0);
+        EXPECT_EQ(bus_errors(), 0u);
+        o.warnings = bus_messages(GST_MESSAGE_WARNING);
         o.board = counters();
         o.resets = std::stoull(stat("Reset"));
         o.skip_ts = std::stoull(stat("Skip TS packets"));
@@ -408,6 +421,7 @@ protected:
         });
     }
 
+    std::vector<std::string> m_bus[2];  // warnings, errors taken off the bus
     std::string m_dir, m_capture;
     settings m_settings;
     kvtest::recording_manager m_manager;

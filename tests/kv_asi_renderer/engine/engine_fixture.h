@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "board_fixture.h"
@@ -118,6 +119,17 @@ protected:
         add_board();
         dispatcher.set_source_name("engine-test");
         dispatcher.set_alarm_manager(&manager);
+        engine.set_message_callback([this](const kv_asi_message& m) {
+            if (m.eLevel <= kv_asi_level::warning) {
+                std::lock_guard<std::mutex> lock(m_csMessages);
+                m_messages.push_back(m);
+            }
+        });
+    }
+    // The errors and warnings so far, taken.
+    std::vector<kv_asi_message> messages() {
+        std::lock_guard<std::mutex> lock(m_csMessages);
+        return std::exchange(m_messages, {});
     }
     void TearDown() override {
         engine.stop();
@@ -147,6 +159,8 @@ protected:
         }
     }
 
+    std::mutex m_csMessages;
+    std::vector<kv_asi_message> m_messages;
     print_log log;
     alarm_manager manager;
     kv_alarms_dispatcher dispatcher;

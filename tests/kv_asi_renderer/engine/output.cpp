@@ -179,14 +179,17 @@ TEST_F(EngineTest, DeviceFaultsHealAndStopStaysPrompt) {
         const char* label;
         kv_vboard_call call;
         uint32_t from, count;  // count 0: for good
-        const char* message;
-        size_t messages;
+        const char* line;      // printed once: its repeats within a second are held back
+        const char* error;     // the last error, with the faults counted
     } cases[] = {
-        {"DQBUF fails 3 times", KV_VB_DQBUF, 1, 3, "m_pDevice->map() ERROR", 3},
+        {"DQBUF fails 3 times", KV_VB_DQBUF, 1, 3, "m_pDevice->map() ERROR",
+         "VIDIOC_DQBUF: Input/output error (3 device faults)"},
         {"QBUF fails once", KV_VB_QBUF, 8, 1, "-1 == ::xioctl(m_hASI, VIDIOC_QBUF, &m_cur_buffer)",
-         1},
-        {"STREAMON fails twice", KV_VB_STREAMON, 1, 2, "Can't stream on, device = /dev/kvasi-engine-test", 2},
-        {"QBUF fails for good", KV_VB_QBUF, 7, 0, nullptr, 0},
+         "VIDIOC_QBUF: Input/output error (1 device fault)"},
+        {"STREAMON fails twice", KV_VB_STREAMON, 1, 2,
+         "Can't stream on, device = /dev/kvasi-engine-test",
+         "VIDIOC_STREAMON: Input/output error (2 device faults)"},
+        {"QBUF fails for good", KV_VB_QBUF, 7, 0, nullptr, nullptr},
     };
     const std::vector<uint8_t> ts = generated(1000000, 200);
     for (const auto& c : cases) {
@@ -194,6 +197,7 @@ TEST_F(EngineTest, DeviceFaultsHealAndStopStaysPrompt) {
         add_board();
         print_log::clear();
         ASSERT_TRUE(engine.init(kNode, 1 << 20, 0, stamp_time_type, false, false));
+        engine.reset_statistics();
         push_packets(ts, 0, 200, 20000);  // 400 ms
         ASSERT_EQ(kv_vboard_set_fault(kNode, c.call, c.from, c.count, EIO), 0);
         ASSERT_TRUE(engine.start());
@@ -209,8 +213,18 @@ TEST_F(EngineTest, DeviceFaultsHealAndStopStaysPrompt) {
         std::printf("[  fault   ] %-22s stop took %.1f ms\n", c.label, stop_ms);
         EXPECT_LT(stop_ms, 2000.0) << "stop hung on the driver";
         const kv_vboard_counters k = counters();
-        if (c.message) {
-            EXPECT_EQ(log.count(std::string("kv_asi_renderer: ") + c.message + "\n"), c.messages);
+        // One warning for the episode, with the OS's reason and a hint.
+        const std::vector<kv_asi_message> m = messages();
+        ASSERT_FALSE(m.empty());
+        EXPECT_EQ(m[0].eLevel, kv_asi_level::warning);
+        EXPECT_EQ(m[0].eTopic, kv_asi_topic::device_fault);
+        EXPECT_EQ(m[0].nErrno, EIO);
+        EXPECT_NE(m[0].strText.find("Input/output error"), std::string::npos) << m[0].strText;
+        EXPECT_FALSE(m[0].strDetail.empty());
+        if (c.line) {
+            EXPECT_EQ(m.size(), 1u);
+            EXPECT_EQ(log.count(std::string("kv_asi_renderer: ") + c.line + "\n"), 1u);
+            EXPECT_EQ(stat("Last error"), c.error);
             EXPECT_EQ(k.qbuf, 6 + k.dqbuf) << "the ring is whole";
             EXPECT_EQ(k.streamon, 1u);
         }

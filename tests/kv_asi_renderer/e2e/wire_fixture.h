@@ -355,26 +355,12 @@ protected:
     kv_vboard_counters counters() { return kvtest::counters(kNode); }
     std::string stat(const std::string& name) { return kvtest::stat(m_sink, name); }
 
-    // Errors or warnings on the bus so far, as "domain code: text". Both kinds are taken
-    // off the bus together (popping one kind drops the other) and kept until asked for.
+    // Errors or warnings on the bus so far, as "domain code: text", taken.
     std::vector<std::string> bus_messages(GstMessageType type) {
         GstBus* bus = gst_element_get_bus(m_pipeline);
-        const auto both = static_cast<GstMessageType>(GST_MESSAGE_ERROR | GST_MESSAGE_WARNING);
-        for (GstMessage* m; (m = gst_bus_pop_filtered(bus, both)) != nullptr;) {
-            GError* err = nullptr;
-            const bool bError = GST_MESSAGE_TYPE(m) == GST_MESSAGE_ERROR;
-            if (bError) {
-                gst_message_parse_error(m, &err, nullptr);
-            } else {
-                gst_message_parse_warning(m, &err, nullptr);
-            }
-            m_bus[bError].push_back(std::string(g_quark_to_string(err->domain)) + " " +
-                                    std::to_string(err->code) + ": " + err->message);
-            g_clear_error(&err);
-            gst_message_unref(m);
-        }
+        m_bus.take(bus);
         gst_object_unref(bus);
-        return std::exchange(m_bus[type == GST_MESSAGE_ERROR], {});
+        return std::exchange(type == GST_MESSAGE_ERROR ? m_bus.errors : m_bus.warnings, {});
     }
     // Error messages on the bus: the element must never post one while it plays.
     size_t bus_errors() { return bus_messages(GST_MESSAGE_ERROR).size(); }
@@ -421,7 +407,7 @@ protected:
         });
     }
 
-    std::vector<std::string> m_bus[2];  // warnings, errors taken off the bus
+    kvtest::bus_log m_bus;
     std::string m_dir, m_capture;
     settings m_settings;
     kvtest::recording_manager m_manager;

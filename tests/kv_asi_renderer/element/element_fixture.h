@@ -111,12 +111,43 @@ private:
     std::vector<std::shared_ptr<kv_i_alarm_event>> m_alarms;
 };
 
+// Errors and warnings taken off a bus, as "domain code: text", oldest first. Both kinds
+// come off in one pass: popping one kind drops every other message before it.
+struct bus_log {
+    std::vector<std::string> errors, warnings;
+
+    void take(GstBus* bus) {
+        const auto both = static_cast<GstMessageType>(GST_MESSAGE_ERROR | GST_MESSAGE_WARNING);
+        for (GstMessage* m; (m = gst_bus_pop_filtered(bus, both)) != nullptr;) {
+            GError* err = nullptr;
+            const bool bError = GST_MESSAGE_TYPE(m) == GST_MESSAGE_ERROR;
+            if (bError) {
+                gst_message_parse_error(m, &err, nullptr);
+            } else {
+                gst_message_parse_warning(m, &err, nullptr);
+            }
+            (bError ? errors : warnings)
+                .push_back(std::string(g_quark_to_string(err->domain)) + " " +
+                           std::to_string(err->code) + ": " + err->message);
+            g_clear_error(&err);
+            gst_message_unref(m);
+        }
+    }
+};
+// The text bus_log gives a message of this domain and code.
+inline std::string bus_text(GQuark domain, int code, const std::string& text) {
+    return std::string(g_quark_to_string(domain)) + " " + std::to_string(code) + ": " + text;
+}
+
 // first_sequence: of the first buffer the board hands back after STREAMON; -1 keeps the
 // board's default.
 inline void add_board(const char* node, const std::string& capture, bool freerun,
-                      int64_t first_sequence = -1) {
+                      int64_t first_sequence = -1, uint32_t sizeimage = 0) {
     kv_vboard_config cfg;
     kv_vboard_default_config(&cfg);
+    if (sizeimage > 0) {
+        cfg.sizeimage = sizeimage;
+    }
     if (first_sequence >= 0) {
         cfg.first_sequence = uint32_t(first_sequence);
     }

@@ -464,7 +464,11 @@ TEST(PlayRun, ExitStatusAndMessages) {
         std::string message;
     } failures[] = {
         {{temp_path("absent.ts")}, 1, "cannot open"},
-        {{"--device", "/dev/kv-play-test-absent", ts}, 1, "cannot open the device /dev/kv-play"},
+        // The element's own error, with the OS's reason and what to do.
+        {{"--device", "/dev/kv-play-test-absent", ts},
+         1,
+         "Cannot open the ASI device \"/dev/kv-play-test-absent\": No such file or directory "
+         "(check the \"v4l2\" property"},
         {{m2ts}, 1, m2ts + " is not a transport stream"},
         {{"--loop", nopcr}, 1, "no PCR in " + nopcr},
         {{"udp://192.0.2.1:5004"}, 1, "unusable source udp://192.0.2.1:5004"},
@@ -475,6 +479,11 @@ TEST(PlayRun, ExitStatusAndMessages) {
         {{"--latency", "100", "--buffer-size", "20000", "--duration", "1.5", ts},
          0,
          "alarm on:  code=122"},
+        // The element's warnings are shown; an ERROR ends the run with status 1.
+        {{"--latency", "100", "--buffer-size", "20000", "--duration", "1.5", ts},
+         0,
+         "warning: renderer: Output reset: There is not enough memory in fifo"},
+        {{"--buffer-size", "100", ts}, 1, "\"buffer-size\" 100 bytes is below one transport packet"},
     };
     for (const auto& f : failures) {
         std::string out;

@@ -632,9 +632,9 @@ private:
 
     bool start() {
         // The element opens the device on its way to READY: a failure here is the
-        // device's, and the element has said why on its own line.
+        // device's or a setting's, and the element's error on the bus says which and why.
         if (gst_element_set_state(m_pSink, GST_STATE_READY) == GST_STATE_CHANGE_FAILURE) {
-            fail("cannot open the device " + m_strDevice);
+            fail(bus_error("cannot open the device " + m_strDevice));
             return false;
         }
         GstStateChangeReturn r = gst_element_set_state(m_pPipeline, GST_STATE_PLAYING);
@@ -642,15 +642,14 @@ private:
             r = gst_element_get_state(m_pPipeline, nullptr, nullptr, 5 * GST_SECOND);
         }
         if (r == GST_STATE_CHANGE_FAILURE) {
-            fail("unusable source " + m_o.strSource + ": " + bus_error());
+            fail("unusable source " + m_o.strSource + ": " + bus_error("the source did not start"));
             return false;
         }
         return true;
     }
 
-    // The first error posted on the bus, as one line.
-    std::string bus_error() {
-        const std::string none = "the source did not start";
+    // The first error posted on the bus, as one line; `none` when there is none.
+    std::string bus_error(const std::string& none) {
         std::string text = none;
         GstBus* bus = gst_element_get_bus(m_pPipeline);
         while (GstMessage* msg = gst_bus_pop_filtered(bus, GST_MESSAGE_ERROR)) {

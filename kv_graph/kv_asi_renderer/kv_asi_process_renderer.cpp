@@ -385,7 +385,8 @@ void kv_asi_process_renderer::watch(bool bEos) {
                                      " device fault" + (n == 1 ? ")" : "s)");
         m_statistics.set_last_error(strError);
         const int nErrno = m_pDevice->get_errno();
-        if (w.faults.begins(now)) {
+        // A node that went away has a warning of its own.
+        if (!w.bGone && nErrno != ENODEV && w.faults.begins(now)) {
             report(kv_asi_level::warning, kv_asi_topic::device_fault,
                    "The ASI device failed: " + m_pDevice->get_error() +
                        "; retrying, at most a second apart",

@@ -2,6 +2,7 @@
 
 #include <glib.h>
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <iterator>
@@ -38,6 +39,11 @@ public:
             n += at == 0 || s_text[at - 1] == '\n';
         }
         return n;
+    }
+    // Lines printed so far.
+    size_t text_lines() const {
+        std::lock_guard<std::mutex> lock(s_mutex);
+        return static_cast<size_t>(std::count(s_text.begin(), s_text.end(), '\n'));
     }
     static void clear() {
         std::lock_guard<std::mutex> lock(s_mutex);

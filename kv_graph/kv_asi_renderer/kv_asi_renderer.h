@@ -28,6 +28,10 @@ struct _gstKVASIRenderer;
 // and take effect at the next NULL to READY; the alarm source name and the alarm manager
 // go to the dispatcher at once.
 //
+// What the engine reports goes on the bus (ERROR when the element cannot run, and the
+// state change fails; WARNING for what it survives) and into the "kv_asi_renderer" debug
+// category at every level; state changes are logged there too.
+//
 // Threads: properties, state changes and destruction come from the application thread
 // (serialised by GStreamer); chain from the upstream streaming thread, into the
 // internally locked FIFO. Property setters take no lock.
@@ -63,8 +67,9 @@ public:
     GstStateChangeReturn change_state(GstStateChange transition);
 
     // One buffer from upstream: its bytes go to the engine stamped with the buffer's DTS,
-    // else its PTS, in 100 ns units. Takes the buffer reference and always returns
-    // GST_FLOW_OK: trouble below surfaces only through statistics and alarms.
+    // else its PTS, in 100 ns units (neither: no time of its own). Takes the buffer
+    // reference and always returns GST_FLOW_OK: trouble below surfaces through bus
+    // warnings, statistics and alarms, never as a flow error.
     GstFlowReturn chain(GstPad* pad, GstBuffer* buffer);
     // One event from upstream: EOS plays the stream out and posts EOS on the bus once the
     // last packet is on the line; FLUSH_START/FLUSH_STOP empty the FIFO. Takes the event

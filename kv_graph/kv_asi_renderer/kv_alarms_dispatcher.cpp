@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "kv_asi_renderer/kv_alarm_event.h"
+
 namespace {
 
 using lock_t = std::lock_guard<std::mutex>;

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "kv_asi_renderer/kv_alarm_event.h"
+#include "kv_asi_renderer/kv_alarm_types.h"
 #include "kv_asi_renderer/kv_i_alarm_manager.h"
 
 // A keyed set of alarms and its link to the host's alarm manager. While a manager is

@@ -6,6 +6,8 @@
 
 #if defined(__x86_64__) || defined(__i386__)
 #include <immintrin.h>
+
+#include "kvcore/kv_ring_queue.h"
 #define KV_ASI_PACK_AVX2 1
 #endif
 

@@ -8,6 +8,10 @@
 #include <exception>
 #include <utility>
 
+#include "kv_asi_renderer/kv_data_provider.h"
+#include "kvcore/kv_ring_queue.h"
+#include "mpegcore/kv_clock.h"
+
 namespace {
 
 // Every packet goes out as one 188-byte item.

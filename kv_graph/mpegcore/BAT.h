@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <list>
 
+#include "kvcore/kv_bitstream.h"
 #include "mpegcore/BaseMpegTable.h"
 #include "mpegcore/kvdescriptorlist.h"
 

@@ -4,6 +4,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include "mpegcore/base_descriptor.h"
+#include "mpegcore/descriptors_mpeg.h"
+#include "mpegcore/kvdescriptorlist.h"
+
 namespace mpegcore {
 
 namespace {

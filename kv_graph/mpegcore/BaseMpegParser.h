@@ -7,11 +7,13 @@
 #include <mutex>
 
 #include "kvcore/kv_align_memory.h"
+#include "kvcore/kv_bitstream.h"
 #include "mpegcore/BAT.h"
 #include "mpegcore/BaseMpegProgram.h"
 #include "mpegcore/BaseMpegTable.h"
 #include "mpegcore/BasePID.h"
 #include "mpegcore/CAT.h"
+#include "mpegcore/DataAccumulator.h"
 #include "mpegcore/EIT.h"
 #include "mpegcore/NIT.h"
 #include "mpegcore/PAT.h"

@@ -4,8 +4,6 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "mpegcore/CAT.h"
-
 namespace mpegcore {
 
 namespace {

@@ -4,6 +4,7 @@
 #include <map>
 #include <string>
 
+#include "kvcore/kv_bitstream.h"
 #include "mpegcore/BaseMpegProgram.h"
 #include "mpegcore/BaseMpegTable.h"
 

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "kvcore/kv_bitstream.h"
 #include "mpegcore/BaseMpegTable.h"
 #include "mpegcore/kvdescriptorlist.h"
 

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "kvcore/kv_bitstream.h"
 #include "mpegcore/BaseMpegTable.h"
 
 namespace mpegcore {

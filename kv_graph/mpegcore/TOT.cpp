@@ -1,7 +1,5 @@
 #include "mpegcore/TOT.h"
 
-#include "mpegcore/CAT.h"
-
 namespace mpegcore {
 
 namespace {

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "mpegcore/CAT.h"
+#include "mpegcore/DescriptorLoopTable.h"
 
 namespace mpegcore {
 

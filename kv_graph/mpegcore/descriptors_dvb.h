@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "mpegcore/kvdescriptorlist.h"
+#include "mpegcore/base_descriptor.h"
 
 namespace mpegcore {
 

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "mpegcore/kvdescriptorlist.h"
+#include "mpegcore/base_descriptor.h"
 
 namespace mpegcore {
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "mpegcore/kvdescriptorlist.h"
+#include "mpegcore/base_descriptor.h"
 
 namespace mpegcore {
 

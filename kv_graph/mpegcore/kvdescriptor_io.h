@@ -34,7 +34,8 @@
 #include <utility>
 #include <vector>
 
-#include "mpegcore/kvdescriptorlist.h"
+#include "kvcore/kv_bitstream.h"
+#include "mpegcore/base_descriptor.h"
 
 namespace mpegcore {
 namespace desc_io {

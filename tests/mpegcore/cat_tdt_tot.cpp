@@ -11,6 +11,7 @@
 #include "mpegcore/TDT.h"
 #include "mpegcore/TOT.h"
 #include "mpegcore/TSDT.h"
+#include "mpegcore/descriptors_mpeg.h"
 
 #include "ts_test_util.h"
 

@@ -13,6 +13,9 @@
 #include <typeinfo>
 #include <vector>
 
+#include "mpegcore/descriptors_dvb.h"
+#include "mpegcore/descriptors_mpeg.h"
+#include "mpegcore/descriptors_scte35.h"
 #include "mpegcore/kvdescriptorlist.h"
 #include "ts_test_util.h"
 

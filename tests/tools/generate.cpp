@@ -10,6 +10,7 @@
 
 #include "kv_ts_generator.h"
 #include "mpegcore/BaseMpegParser.h"
+#include "mpegcore/descriptors_dvb.h"
 #include "vboard_test_host.h"
 
 namespace {

@@ -13,6 +13,7 @@
 #include "mpegcore/PAT.h"
 #include "mpegcore/PMT.h"
 #include "mpegcore/SDT.h"
+#include "mpegcore/descriptors_dvb.h"
 #include "mpegcore/kvdescriptorlist.h"
 
 namespace kv_ts_generate {

@@ -7,6 +7,9 @@
 #include <cstring>
 #include <memory>
 
+#include "mpegcore/descriptors_dvb.h"
+#include "mpegcore/descriptors_mpeg.h"
+
 namespace kv_ts_inspect {
 
 using namespace mpegcore;

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "kvcore/kv_ring_queue.h"
+
 namespace mpegcore {
 
 namespace {

@@ -23,6 +23,8 @@
 #include "mpegcore/EIT.h"
 #include "mpegcore/TDT.h"
 #include "mpegcore/TOT.h"
+#include "mpegcore/descriptors_dvb.h"
+#include "mpegcore/descriptors_mpeg.h"
 
 using namespace mpegcore;
 using namespace ts_test;

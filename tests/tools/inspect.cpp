@@ -133,16 +133,35 @@ TEST(Inspector, HandBuiltSectionsAreWrittenOncePerUnit) {
     check(lines, s);
 }
 
-TEST(Inspector, CapturesGiveOneObjectPerSectionAndASummary) {
+// Each capture's output, section lines and summary, is kept as a golden file, line for
+// line. KV_UPDATE_GOLDEN=1 writes them anew (a change to review in the diff).
+TEST(Inspector, CapturesGiveTheirGoldenOutputAndASummary) {
     const std::vector<std::string> names = ts_test::capture_names();
     if (names.empty()) {
         GTEST_SKIP() << "no captures in " << KV_CORPUS_DIR;
     }
+    const bool bUpdate = std::getenv("KV_UPDATE_GOLDEN") != nullptr;
     Lines lines;
     for (const std::string& name : names) {
         SCOPED_TRACE(name);
-        check(lines, inspect(ts_test::load_capture(name), lines));
-        EXPECT_GT(lines.size(), 0u);
+        const inspect_summary s = inspect(ts_test::load_capture(name), lines);
+        check(lines, s);
+        lines.push_back(render_summary(s));
+        const std::string golden = std::string(KV_GOLDEN_DIR) + "/inspect/" + name + ".jsonl";
+        if (bUpdate) {
+            std::ofstream out(golden);
+            for (const std::string& line : lines) {
+                out << line << '\n';
+            }
+        }
+        std::ifstream in(golden);
+        ASSERT_TRUE(in) << golden << " is missing: run with KV_UPDATE_GOLDEN=1";
+        size_t n = 0;
+        for (std::string line; std::getline(in, line); ++n) {
+            ASSERT_LT(n, lines.size()) << "output ends before golden line " << n + 1;
+            ASSERT_EQ(lines[n], line) << "line " << n + 1;
+        }
+        EXPECT_EQ(n, lines.size()) << "output runs past the golden file";
     }
 
     // The PCR PID's count, and its rate against the one from the first and last PCR.

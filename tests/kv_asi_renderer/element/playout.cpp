@@ -58,6 +58,18 @@ TEST_F(ElementTest, StateChangesOpenStartStopAndCloseTheDevice) {
     play();
     push_packets(s, 0, s.packets());
     EXPECT_TRUE(eventually([&] { return counters().frames_sent > c.frames_sent + 20; }));
+
+    // Back to READY drops what was buffered: a stream pushed while PAUSED does not reach
+    // the line when the element plays again (with nothing to play, nothing is queued).
+    // (The stream's second second: PCRs that go on from the ones played.)
+    const kvtest::ts_stream longer = kvtest::pcr_stream(2);
+    ASSERT_EQ(set_state(GST_STATE_PAUSED), GST_STATE_CHANGE_SUCCESS);
+    push_packets(longer, longer.packets() / 2, longer.packets());
+    ASSERT_EQ(set_state(GST_STATE_READY), GST_STATE_CHANGE_SUCCESS);
+    const uint64_t queued = counters().qbuf;
+    play();
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(counters().qbuf, queued);
     EXPECT_EQ(set_state(GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
     EXPECT_EQ(kvtest::open_fd_count(), fds);
 }

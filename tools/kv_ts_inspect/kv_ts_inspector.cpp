@@ -4,15 +4,19 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <memory>
+#include <nlohmann/json.hpp>
 
+#include "kv_dvb_text.h"
 #include "mpegcore/descriptors_dvb.h"
 #include "mpegcore/descriptors_mpeg.h"
 
 namespace kv_ts_inspect {
 
 using namespace mpegcore;
+using json = nlohmann::ordered_json;
 
 namespace {
 
@@ -32,42 +36,61 @@ std::string format_bcd_offset(uint16_t value) {
 }
 
 std::string text_of(const iso_code& code) {
-    return std::string(code.data(), code.size());
+    return dvb_text(std::string(code.data(), code.size()));
 }
 
-void hex_of(json_writer& w, const char* key, const std::vector<uint8_t>& bytes) {
-    w.hex(key, bytes.data(), bytes.size());
+std::string hex(const uint8_t* data, size_t size) {
+    static const char kHex[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(2 * size);
+    for (size_t i = 0; i < size; ++i) {
+        text += kHex[data[i] >> 4];
+        text += kHex[data[i] & 0xF];
+    }
+    return text;
+}
+
+std::string hex(const std::vector<uint8_t>& bytes) {
+    return hex(bytes.data(), bytes.size());
 }
 
 // ----- descriptors -----
 
 // Decoded fields of one descriptor class, behind its name. False, writing nothing, when
 // the descriptor is not of that class.
-using descriptor_view = std::function<bool(json_writer&, const base_descriptor&)>;
+using descriptor_view = std::function<bool(json&, const base_descriptor&)>;
 
 template <class D, class F>
 descriptor_view view(const char* name, F fields) {
-    return [name, fields](json_writer& w, const base_descriptor& b) {
+    return [name, fields](json& j, const base_descriptor& b) {
         const D* d = dynamic_cast<const D*>(&b);
         if (d != nullptr) {
-            w.string("name", name);
-            fields(w, *d);
+            j["name"] = name;
+            fields(j, *d);
         }
         return d != nullptr;
     };
 }
 
-void teletext_pages(json_writer& w, const teletext_descriptor& d) {
-    w.begin_array("pages");
-    for (const auto& e : d.teletext_list) {
-        w.begin_object()
-            .dvb_text("ISO_639_language_code", text_of(e->ISO_639_language_code))
-            .number("teletext_type", e->teletext_type)
-            .number("teletext_magazine_number", e->teletext_magazine_number)
-            .number("teletext_page_number", e->teletext_page_number)
-            .end_object();
+// One object per entry of `list` (by value or by pointer), its members set by `fields`.
+template <class L, class F>
+json entries(const L& list, F fields) {
+    json a = json::array();
+    for (const auto& e : list) {
+        json o = json::object();
+        fields(o, e);
+        a.push_back(std::move(o));
     }
-    w.end_array();
+    return a;
+}
+
+void teletext_pages(json& j, const teletext_descriptor& d) {
+    j["pages"] = entries(d.teletext_list, [](json& o, const auto& e) {
+        o["ISO_639_language_code"] = text_of(e->ISO_639_language_code);
+        o["teletext_type"] = e->teletext_type;
+        o["teletext_magazine_number"] = e->teletext_magazine_number;
+        o["teletext_page_number"] = e->teletext_page_number;
+    });
 }
 
 // The classes whose fields are written out, by tag; every other descriptor is written as
@@ -76,357 +99,297 @@ const std::map<uint8_t, descriptor_view>& descriptor_views() {
     static const std::map<uint8_t, descriptor_view> views = {
         {0x02, view<video_stream_descriptor>(
                    "video_stream_descriptor",
-                   [](json_writer& w, const video_stream_descriptor& d) {
-                       w.number("multiple_frame_rate_flag", d.multiple_frame_rate_flag)
-                           .number("frame_rate_code", d.frame_rate_code)
-                           .number("MPEG_1_only_flag", d.MPEG_1_only_flag)
-                           .number("constrained_parameter_flag", d.constrained_parameter_flag)
-                           .number("still_picture_flag", d.still_picture_flag);
+                   [](json& j, const video_stream_descriptor& d) {
+                       j["multiple_frame_rate_flag"] = d.multiple_frame_rate_flag;
+                       j["frame_rate_code"] = d.frame_rate_code;
+                       j["MPEG_1_only_flag"] = d.MPEG_1_only_flag;
+                       j["constrained_parameter_flag"] = d.constrained_parameter_flag;
+                       j["still_picture_flag"] = d.still_picture_flag;
                        if (d.MPEG_1_only_flag == 0) {
-                           w.number("profile_and_level_indication", d.profile_and_level_indication)
-                               .number("chroma_format", d.chroma_format)
-                               .number("frame_rate_extension_flag", d.frame_rate_extension_flag);
+                           j["profile_and_level_indication"] = d.profile_and_level_indication;
+                           j["chroma_format"] = d.chroma_format;
+                           j["frame_rate_extension_flag"] = d.frame_rate_extension_flag;
                        }
                    })},
         {0x03, view<audio_stream_descriptor>("audio_stream_descriptor",
-                                             [](json_writer& w, const audio_stream_descriptor& d) {
-                                                 w.number("free_format_flag", d.free_format_flag)
-                                                     .number("ID", d.ID)
-                                                     .number("layer", d.layer)
-                                                     .number("variable_rate_audio_indicator",
-                                                             d.variable_rate_audio_indicator);
+                                             [](json& j, const audio_stream_descriptor& d) {
+                                                 j["free_format_flag"] = d.free_format_flag;
+                                                 j["ID"] = d.ID;
+                                                 j["layer"] = d.layer;
+                                                 j["variable_rate_audio_indicator"] =
+                                                     d.variable_rate_audio_indicator;
                                              })},
         {0x05, view<registration_descriptor>("registration_descriptor",
-                                             [](json_writer& w, const registration_descriptor& d) {
-                                                 w.number("format_identifier", d.format_identifier);
-                                                 hex_of(w, "additional_identification_info",
-                                                        d.additional_identification_info);
+                                             [](json& j, const registration_descriptor& d) {
+                                                 j["format_identifier"] = d.format_identifier;
+                                                 j["additional_identification_info"] =
+                                                     hex(d.additional_identification_info);
                                              })},
-        {0x09, view<CA_descriptor>(
-                   "CA_descriptor",
-                   [](json_writer& w, const CA_descriptor& d) {
-                       w.number("CA_system_ID", d.CA_system_ID).number("CA_PID", d.CA_PID);
-                       hex_of(w, "private_data_byte", d.private_data_byte);
-                   })},
+        {0x09, view<CA_descriptor>("CA_descriptor",
+                                   [](json& j, const CA_descriptor& d) {
+                                       j["CA_system_ID"] = d.CA_system_ID;
+                                       j["CA_PID"] = d.CA_PID;
+                                       j["private_data_byte"] = hex(d.private_data_byte);
+                                   })},
         {0x0A, view<ISO_639_language_descriptor>(
                    "ISO_639_language_descriptor",
-                   [](json_writer& w, const ISO_639_language_descriptor& d) {
-                       w.begin_array("languages");
-                       for (const auto& e : d.language_list) {
-                           w.begin_object()
-                               .dvb_text("ISO_639_language_code", text_of(e.ISO_639_language_code))
-                               .number("audio_type", e.audio_type)
-                               .end_object();
-                       }
-                       w.end_array();
+                   [](json& j, const ISO_639_language_descriptor& d) {
+                       j["languages"] = entries(d.language_list, [](json& o, const auto& e) {
+                           o["ISO_639_language_code"] = text_of(e.ISO_639_language_code);
+                           o["audio_type"] = e.audio_type;
+                       });
                    })},
         {0x40, view<network_name_descriptor>("network_name_descriptor",
-                                             [](json_writer& w, const network_name_descriptor& d) {
-                                                 w.dvb_text("network_name", d.character);
+                                             [](json& j, const network_name_descriptor& d) {
+                                                 j["network_name"] = dvb_text(d.character);
                                              })},
-        {0x41, view<service_list_descriptor>("service_list_descriptor",
-                                             [](json_writer& w, const service_list_descriptor& d) {
-                                                 w.begin_array("services");
-                                                 for (const auto& e : d.services) {
-                                                     w.begin_object()
-                                                         .number("service_id", e.service_id)
-                                                         .number("service_type", e.service_type)
-                                                         .end_object();
-                                                 }
-                                                 w.end_array();
-                                             })},
+        {0x41, view<service_list_descriptor>(
+                   "service_list_descriptor",
+                   [](json& j, const service_list_descriptor& d) {
+                       j["services"] = entries(d.services, [](json& o, const auto& e) {
+                           o["service_id"] = e.service_id;
+                           o["service_type"] = e.service_type;
+                       });
+                   })},
         {0x46, view<teletext_descriptor>("VBI_teletext_descriptor", teletext_pages)},
         {0x47, view<bouquet_name_descriptor>("bouquet_name_descriptor",
-                                             [](json_writer& w, const bouquet_name_descriptor& d) {
-                                                 w.dvb_text("bouquet_name", d.character);
+                                             [](json& j, const bouquet_name_descriptor& d) {
+                                                 j["bouquet_name"] = dvb_text(d.character);
                                              })},
-        {0x48, view<service_descriptor>("service_descriptor",
-                                        [](json_writer& w, const service_descriptor& d) {
-                                            w.number("service_type", d.service_type)
-                                                .dvb_text("service_provider_name",
-                                                          d.service_provider_name)
-                                                .dvb_text("service_name", d.service_name);
-                                        })},
-        {0x4D, view<short_event_descriptor>("short_event_descriptor",
-                                            [](json_writer& w, const short_event_descriptor& d) {
-                                                w.dvb_text("ISO_639_language_code",
-                                                           text_of(d.ISO_639_language_code))
-                                                    .dvb_text("event_name", d.event_name_char)
-                                                    .dvb_text("text", d.text_char);
-                                            })},
+        {0x48, view<service_descriptor>(
+                   "service_descriptor",
+                   [](json& j, const service_descriptor& d) {
+                       j["service_type"] = d.service_type;
+                       j["service_provider_name"] = dvb_text(d.service_provider_name);
+                       j["service_name"] = dvb_text(d.service_name);
+                   })},
+        {0x4D, view<short_event_descriptor>(
+                   "short_event_descriptor",
+                   [](json& j, const short_event_descriptor& d) {
+                       j["ISO_639_language_code"] = text_of(d.ISO_639_language_code);
+                       j["event_name"] = dvb_text(d.event_name_char);
+                       j["text"] = dvb_text(d.text_char);
+                   })},
         {0x4E, view<extended_event_descriptor>(
                    "extended_event_descriptor",
-                   [](json_writer& w, const extended_event_descriptor& d) {
-                       w.number("descriptor_number", d.descriptor_number)
-                           .number("last_descriptor_number", d.last_descriptor_number)
-                           .dvb_text("ISO_639_language_code", text_of(d.ISO_639_language_code))
-                           .begin_array("items");
-                       for (const auto& e : d.items) {
-                           w.begin_object()
-                               .dvb_text("item_description", e.item_description_char)
-                               .dvb_text("item", e.item_char)
-                               .end_object();
-                       }
-                       w.end_array().dvb_text("text", d.text_char);
+                   [](json& j, const extended_event_descriptor& d) {
+                       j["descriptor_number"] = d.descriptor_number;
+                       j["last_descriptor_number"] = d.last_descriptor_number;
+                       j["ISO_639_language_code"] = text_of(d.ISO_639_language_code);
+                       j["items"] = entries(d.items, [](json& o, const auto& e) {
+                           o["item_description"] = dvb_text(e.item_description_char);
+                           o["item"] = dvb_text(e.item_char);
+                       });
+                       j["text"] = dvb_text(d.text_char);
                    })},
         {0x52, view<stream_identifier_descriptor>(
                    "stream_identifier_descriptor",
-                   [](json_writer& w, const stream_identifier_descriptor& d) {
-                       w.number("component_tag", d.component_tag);
+                   [](json& j, const stream_identifier_descriptor& d) {
+                       j["component_tag"] = d.component_tag;
                    })},
         {0x55, view<parental_rating_descriptor>(
                    "parental_rating_descriptor",
-                   [](json_writer& w, const parental_rating_descriptor& d) {
-                       w.begin_array("ratings");
-                       for (const auto& e : d.parentals) {
-                           w.begin_object()
-                               .dvb_text("country_code", text_of(e.country_code))
-                               .number("rating", e.rating)
-                               .end_object();
-                       }
-                       w.end_array();
+                   [](json& j, const parental_rating_descriptor& d) {
+                       j["ratings"] = entries(d.parentals, [](json& o, const auto& e) {
+                           o["country_code"] = text_of(e.country_code);
+                           o["rating"] = e.rating;
+                       });
                    })},
         {0x56, view<teletext_descriptor>("teletext_descriptor", teletext_pages)},
         {0x58, view<local_time_offset_descriptor>(
                    "local_time_offset_descriptor",
-                   [](json_writer& w, const local_time_offset_descriptor& d) {
-                       w.begin_array("offsets");
-                       for (const auto& e : d.m_listEntry) {
-                           w.begin_object()
-                               .dvb_text("country_code", text_of(e->country_code))
-                               .number("country_region_id", e->country_region_id)
-                               .number("local_time_offset_polarity", e->local_time_offset_polarity)
-                               .string("local_time_offset", format_bcd_offset(e->local_time_offset))
-                               .string("time_of_change", format_mjd_utc(e->time_of_change))
-                               .string("next_time_offset", format_bcd_offset(e->next_time_offset))
-                               .end_object();
-                       }
-                       w.end_array();
+                   [](json& j, const local_time_offset_descriptor& d) {
+                       j["offsets"] = entries(d.m_listEntry, [](json& o, const auto& e) {
+                           o["country_code"] = text_of(e->country_code);
+                           o["country_region_id"] = e->country_region_id;
+                           o["local_time_offset_polarity"] = e->local_time_offset_polarity;
+                           o["local_time_offset"] = format_bcd_offset(e->local_time_offset);
+                           o["time_of_change"] = format_mjd_utc(e->time_of_change);
+                           o["next_time_offset"] = format_bcd_offset(e->next_time_offset);
+                       });
                    })},
-        {0x59,
-         view<subtitling_descriptor>("subtitling_descriptor",
-                                     [](json_writer& w, const subtitling_descriptor& d) {
-                                         w.begin_array("subtitles");
-                                         for (const auto& e : d.subtitling_list) {
-                                             w.begin_object()
-                                                 .dvb_text("ISO_639_language_code",
-                                                           text_of(e->ISO_639_language_code))
-                                                 .number("subtitling_type", e->subtitling_type)
-                                                 .number("composition_page_id",
-                                                         e->composition_page_id)
-                                                 .number("ancillary_page_id", e->ancillary_page_id)
-                                                 .end_object();
-                                         }
-                                         w.end_array();
-                                     })},
+        {0x59, view<subtitling_descriptor>(
+                   "subtitling_descriptor",
+                   [](json& j, const subtitling_descriptor& d) {
+                       j["subtitles"] = entries(d.subtitling_list, [](json& o, const auto& e) {
+                           o["ISO_639_language_code"] = text_of(e->ISO_639_language_code);
+                           o["subtitling_type"] = e->subtitling_type;
+                           o["composition_page_id"] = e->composition_page_id;
+                           o["ancillary_page_id"] = e->ancillary_page_id;
+                       });
+                   })},
         {0x5F, view<private_data_specifier_descriptor>(
                    "private_data_specifier_descriptor",
-                   [](json_writer& w, const private_data_specifier_descriptor& d) {
-                       w.number("private_data_specifier", d.private_data_specifier);
+                   [](json& j, const private_data_specifier_descriptor& d) {
+                       j["private_data_specifier"] = d.private_data_specifier;
                    })},
         {0x83, view<logical_channel_descriptor>(
                    "logical_channel_descriptor",
-                   [](json_writer& w, const logical_channel_descriptor& d) {
-                       w.begin_array("channels");
-                       for (const auto& e : d.m_listService) {
-                           w.begin_object()
-                               .number("service_id", e.service_id)
-                               .number("visible_service_flag", e.visible_service_flag)
-                               .number("logical_channel_number", e.logical_channel_number)
-                               .end_object();
-                       }
-                       w.end_array();
+                   [](json& j, const logical_channel_descriptor& d) {
+                       j["channels"] = entries(d.m_listService, [](json& o, const auto& e) {
+                           o["service_id"] = e.service_id;
+                           o["visible_service_flag"] = e.visible_service_flag;
+                           o["logical_channel_number"] = e.logical_channel_number;
+                       });
                    })},
     };
     return views;
 }
 
 // The body as the descriptor writes it back (byte for byte what was read).
-void raw_body(json_writer& w, const base_descriptor& d) {
+std::string raw_body(const base_descriptor& d) {
     uint8_t buffer[2 + 255] = {};
     std::shared_ptr<base_descriptor> copy = d.create();
     d.copyTo(*copy);
     KVSDK::KVBSWriter out(buffer, sizeof buffer);
     if (copy->write(out)) {
         out.flush();
-        w.hex("data", buffer + 2, buffer[1]);
-    } else {
-        w.hex("data", d.descriptor_data.data(), d.descriptor_data.size());
+        return hex(buffer + 2, buffer[1]);
     }
+    return hex(d.descriptor_data.data(), d.descriptor_data.size());
 }
 
-void descriptors(json_writer& w, const KVDescriptorList& list, const char* key = "descriptors") {
-    w.begin_array(key);
-    for (const auto& d : list.descriptor) {
-        w.begin_object().number("tag", d->descriptor_tag).number("length", d->descriptor_length);
+json descriptors(const KVDescriptorList& list) {
+    return entries(list.descriptor, [](json& o, const std::shared_ptr<base_descriptor>& d) {
+        o["tag"] = d->descriptor_tag;
+        o["length"] = d->descriptor_length;
         const auto& views = descriptor_views();
         const auto found = views.find(d->descriptor_tag);
-        if (found != views.end() && found->second(w, *d)) {
+        if (found != views.end() && found->second(o, *d)) {
             // Body bytes after the last decoded field, if any.
             if (d->descriptor_data.size() > 0) {
-                w.hex("rest", d->descriptor_data.data(), d->descriptor_data.size());
+                o["rest"] = hex(d->descriptor_data.data(), d->descriptor_data.size());
             }
         } else {
-            raw_body(w, *d);
+            o["data"] = raw_body(*d);
         }
-        w.end_object();
-    }
-    w.end_array();
+    });
 }
 
 // ----- tables -----
 
-void header(json_writer& w, const char* name, uint16_t pid, uint64_t packet,
-            const CBaseMpegTable& t) {
-    w.begin_object()
-        .string("table", name)
-        .number("pid", pid)
-        .number("packet", packet)
-        .number("table_id", t.table_id)
-        .number("section_syntax_indicator", t.section_syntax_indicator)
-        .number("section_length", t.section_length);
-}
-
 // version_number .. last_section_number, shared by every table with the long header.
 template <class T>
-void versions(json_writer& w, const T& t) {
-    w.number("version_number", t.version_number)
-        .number("current_next_indicator", t.current_next_indicator)
-        .number("section_number", t.section_number)
-        .number("last_section_number", t.last_section_number);
+void versions(json& j, const T& t) {
+    j["version_number"] = t.version_number;
+    j["current_next_indicator"] = t.current_next_indicator;
+    j["section_number"] = t.section_number;
+    j["last_section_number"] = t.last_section_number;
 }
 
-void render(json_writer& w, const CPAT& t) {
-    w.number("transport_stream_id", t.transport_stream_id);
-    versions(w, t);
-    w.begin_array("programs");
-    for (const auto& e : t.program_map) {
-        w.begin_object().number("program_number", e.second.program_number);
-        w.number(e.second.isNetwork() ? "network_PID" : "program_map_PID", e.second.getPID());
-        w.end_object();
-    }
-    w.end_array().number("CRC_32", t.CRC);
+void render(json& j, const CPAT& t) {
+    j["transport_stream_id"] = t.transport_stream_id;
+    versions(j, t);
+    j["programs"] = entries(t.program_map, [](json& o, const auto& e) {
+        o["program_number"] = e.second.program_number;
+        o[e.second.isNetwork() ? "network_PID" : "program_map_PID"] = e.second.getPID();
+    });
+    j["CRC_32"] = t.CRC;
 }
 
-void render(json_writer& w, const CPMT& t) {
-    w.number("program_number", t.program_number);
-    versions(w, t);
-    w.number("PCR_PID", t.PCR_PID).number("program_info_length", t.program_info_length);
-    descriptors(w, t.descriptors);
-    w.begin_array("streams");
-    for (const auto& e : t.stream_map) {
-        w.begin_object()
-            .number("stream_type", e.second->stream_type)
-            .number("elementary_PID", e.second->elementary_PID)
-            .number("ES_info_length", e.second->ES_info_length);
-        descriptors(w, e.second->descriptors);
-        w.end_object();
-    }
-    w.end_array().number("CRC_32", t.CRC);
+void render(json& j, const CPMT& t) {
+    j["program_number"] = t.program_number;
+    versions(j, t);
+    j["PCR_PID"] = t.PCR_PID;
+    j["program_info_length"] = t.program_info_length;
+    j["descriptors"] = descriptors(t.descriptors);
+    j["streams"] = entries(t.stream_map, [](json& o, const auto& e) {
+        o["stream_type"] = e.second->stream_type;
+        o["elementary_PID"] = e.second->elementary_PID;
+        o["ES_info_length"] = e.second->ES_info_length;
+        o["descriptors"] = descriptors(e.second->descriptors);
+    });
+    j["CRC_32"] = t.CRC;
 }
 
 // CAT and TSDT: one descriptor loop.
-template <class T>
-void render_loop_table(json_writer& w, const T& t) {
-    versions(w, t);
-    descriptors(w, t.descriptors);
-    w.number("CRC_32", t.CRC);
-}
-void render(json_writer& w, const CCAT& t) {
-    render_loop_table(w, t);
-}
-void render(json_writer& w, const CTSDT& t) {
-    render_loop_table(w, t);
+void render(json& j, const CDescriptorLoopTable& t) {
+    versions(j, t);
+    j["descriptors"] = descriptors(t.descriptors);
+    j["CRC_32"] = t.CRC;
 }
 
-void render(json_writer& w, const CSDT& t) {
-    w.number("transport_stream_id", t.transport_stream_id);
-    versions(w, t);
-    w.number("original_network_id", t.original_network_id).begin_array("services");
-    for (const auto& e : t.sds) {
+void render(json& j, const CSDT& t) {
+    j["transport_stream_id"] = t.transport_stream_id;
+    versions(j, t);
+    j["original_network_id"] = t.original_network_id;
+    j["services"] = entries(t.sds, [](json& o, const auto& e) {
         const CServiceDescriptionSection& s = *e.second;
-        w.begin_object()
-            .number("service_id", s.service_id)
-            .number("EIT_schedule_flag", s.EIT_schedule_flag)
-            .number("EIT_present_following_flag", s.EIT_present_following_flag)
-            .number("running_status", s.running_status)
-            .number("free_CA_mode", s.free_CA_mode)
-            .number("descriptors_loop_length", s.descriptors_loop_length);
-        descriptors(w, s.descriptors);
-        w.end_object();
-    }
-    w.end_array().number("CRC_32", t.CRC);
+        o["service_id"] = s.service_id;
+        o["EIT_schedule_flag"] = s.EIT_schedule_flag;
+        o["EIT_present_following_flag"] = s.EIT_present_following_flag;
+        o["running_status"] = s.running_status;
+        o["free_CA_mode"] = s.free_CA_mode;
+        o["descriptors_loop_length"] = s.descriptors_loop_length;
+        o["descriptors"] = descriptors(s.descriptors);
+    });
+    j["CRC_32"] = t.CRC;
 }
 
-void render(json_writer& w, const CNIT& t) {
-    w.number("network_id", t.network_id);
-    versions(w, t);
-    w.number("network_descriptors_length", t.network_descriptors_length);
-    descriptors(w, t.descriptors);
-    w.number("transport_stream_loop_length", t.transport_stream_loop_length)
-        .begin_array("transport_streams");
-    for (const auto& e : t.transport_stream) {
-        w.begin_object()
-            .number("transport_stream_id", e->transport_stream_id)
-            .number("original_network_id", e->original_network_id)
-            .number("transport_descriptors_length", e->network_descriptors_length);
-        descriptors(w, e->descriptors);
-        w.end_object();
-    }
-    w.end_array().number("CRC_32", t.CRC);
+// A transport stream of a NIT or BAT: ids, loop length and descriptors.
+template <class S>
+void transport_stream(json& o, const S& s, uint16_t descriptors_length) {
+    o["transport_stream_id"] = s.transport_stream_id;
+    o["original_network_id"] = s.original_network_id;
+    o["transport_descriptors_length"] = descriptors_length;
+    o["descriptors"] = descriptors(s.descriptors);
+}
+
+void render(json& j, const CNIT& t) {
+    j["network_id"] = t.network_id;
+    versions(j, t);
+    j["network_descriptors_length"] = t.network_descriptors_length;
+    j["descriptors"] = descriptors(t.descriptors);
+    j["transport_stream_loop_length"] = t.transport_stream_loop_length;
+    j["transport_streams"] = entries(t.transport_stream, [](json& o, const auto& e) {
+        transport_stream(o, *e, e->network_descriptors_length);
+    });
+    j["CRC_32"] = t.CRC;
 }
 
 // The core reads every descriptor of a BAT section, the transport streams' included, into
 // the table's own list; the streams keep only their ids and lengths.
-void render(json_writer& w, const CBAT& t) {
-    w.number("bouquet_id", t.bouquet_id);
-    versions(w, t);
-    w.number("bouquet_descriptors_length", t.bouquet_descriptors_length);
-    descriptors(w, t.descriptors);
-    w.number("transport_stream_loop_length", t.transport_stream_loop_length)
-        .begin_array("transport_streams");
-    for (const CBouquetAssociationStream* e : t.BouquetAssociationStreamList) {
-        w.begin_object()
-            .number("transport_stream_id", e->transport_stream_id)
-            .number("original_network_id", e->original_network_id)
-            .number("transport_descriptors_length", e->transport_descriptors_length);
-        descriptors(w, e->descriptors);
-        w.end_object();
-    }
-    w.end_array().number("CRC_32", t.CRC);
+void render(json& j, const CBAT& t) {
+    j["bouquet_id"] = t.bouquet_id;
+    versions(j, t);
+    j["bouquet_descriptors_length"] = t.bouquet_descriptors_length;
+    j["descriptors"] = descriptors(t.descriptors);
+    j["transport_stream_loop_length"] = t.transport_stream_loop_length;
+    j["transport_streams"] =
+        entries(t.BouquetAssociationStreamList, [](json& o, const CBouquetAssociationStream* e) {
+            transport_stream(o, *e, e->transport_descriptors_length);
+        });
+    j["CRC_32"] = t.CRC;
 }
 
-void render(json_writer& w, const CEIT& t) {
-    w.number("service_id", t.service_id);
-    versions(w, t);
-    w.number("transport_stream_id", t.transport_stream_id)
-        .number("original_network_id", t.original_network_id)
-        .number("segment_last_section_number", t.segment_last_section_number)
-        .number("last_table_id", t.last_table_id)
-        .begin_array("events");
-    for (const auto& e : t.eventInfo) {
-        w.begin_object()
-            .number("event_id", e->event_id)
-            .string("start_time", format_mjd_utc(e->start_time))
-            .string("duration", format_bcd_duration(e->duration))
-            .number("running_status", e->running_status)
-            .number("free_CA_mode", e->free_CA_mode)
-            .number("descriptors_loop_length", e->descriptors_loop_length);
-        descriptors(w, e->descriptors);
-        w.end_object();
-    }
-    w.end_array().number("CRC_32", t.CRC);
+void render(json& j, const CEIT& t) {
+    j["service_id"] = t.service_id;
+    versions(j, t);
+    j["transport_stream_id"] = t.transport_stream_id;
+    j["original_network_id"] = t.original_network_id;
+    j["segment_last_section_number"] = t.segment_last_section_number;
+    j["last_table_id"] = t.last_table_id;
+    j["events"] = entries(t.eventInfo, [](json& o, const auto& e) {
+        o["event_id"] = e->event_id;
+        o["start_time"] = format_mjd_utc(e->start_time);
+        o["duration"] = format_bcd_duration(e->duration);
+        o["running_status"] = e->running_status;
+        o["free_CA_mode"] = e->free_CA_mode;
+        o["descriptors_loop_length"] = e->descriptors_loop_length;
+        o["descriptors"] = descriptors(e->descriptors);
+    });
+    j["CRC_32"] = t.CRC;
 }
 
-void render(json_writer& w, const CTDT& t) {
-    w.string("UTC_time", format_mjd_utc(t.UTC_time));
+void render(json& j, const CTDT& t) {
+    j["UTC_time"] = format_mjd_utc(t.UTC_time);
 }
 
-void render(json_writer& w, const CTOT& t) {
-    w.string("UTC_time", format_mjd_utc(t.UTC_time))
-        .number("descriptors_loop_length", t.descriptors_loop_length);
-    descriptors(w, t.descriptors);
-    w.number("CRC_32", t.CRC);
+void render(json& j, const CTOT& t) {
+    j["UTC_time"] = format_mjd_utc(t.UTC_time);
+    j["descriptors_loop_length"] = t.descriptors_loop_length;
+    j["descriptors"] = descriptors(t.descriptors);
+    j["CRC_32"] = t.CRC;
 }
 
 }  // namespace
@@ -533,13 +496,16 @@ void ts_inspector::report(const char* name, const T& table) {
     }
     m_bReported[m_nPid] = true;
     ++m_summary.sections[name];
-    header(m_writer, name, m_nPid, m_nPacket, table);
-    render(m_writer, table);
-    m_writer.end_object();
+    json j = {{"table", name},
+              {"pid", m_nPid},
+              {"packet", m_nPacket},
+              {"table_id", table.table_id},
+              {"section_syntax_indicator", table.section_syntax_indicator},
+              {"section_length", table.section_length}};
+    render(j, table);
     if (m_onSection) {
-        m_onSection(m_writer.str());
+        m_onSection(j.dump());
     }
-    m_writer.clear();
 }
 
 void ts_inspector::OnPAT(CPAT* pat) {
@@ -574,34 +540,30 @@ void ts_inspector::OnBAT(CBAT* bat) {
 }
 
 std::string render_summary(const inspect_summary& s) {
-    json_writer w;
-    w.begin_object()
-        .begin_object("summary")
-        .number("packets", s.packets)
-        .number("bytes", s.bytes)
-        .number("sync_bytes_skipped", s.sync_bytes_skipped)
-        .number("trailing_bytes", s.trailing_bytes)
-        .number("transport_errors", s.transport_errors)
-        .number("scrambled_packets", s.scrambled_packets)
-        .begin_object("sections");
+    json sections = json::object();
     for (const auto& e : s.sections) {
-        w.number(e.first.c_str(), e.second);
+        sections[e.first] = e.second;
     }
-    w.end_object().begin_array("continuity_errors");
-    for (const auto& e : s.continuity_errors) {
-        w.begin_object().number("pid", e.first).number("errors", e.second).end_object();
-    }
-    w.end_array().begin_array("pcr_pids");
-    for (const auto& p : s.pcr_pids) {
-        w.begin_object()
-            .number("pid", p.pid)
-            .number("pcrs", p.pcrs)
-            .real("bitrate", p.bitrate, 0)
-            .real("measured_s", p.measured_s, 3)
-            .end_object();
-    }
-    w.end_array().end_object().end_object();
-    return w.str();
+    json errors = entries(s.continuity_errors, [](json& o, const auto& e) {
+        o["pid"] = e.first;
+        o["errors"] = e.second;
+    });
+    json pcr_pids = entries(s.pcr_pids, [](json& o, const pcr_pid_summary& p) {
+        o["pid"] = p.pid;
+        o["pcrs"] = p.pcrs;
+        o["bitrate"] = std::llround(p.bitrate);
+        o["measured_s"] = std::round(p.measured_s * 1000) / 1000;
+    });
+    json summary = {{"packets", s.packets},
+                    {"bytes", s.bytes},
+                    {"sync_bytes_skipped", s.sync_bytes_skipped},
+                    {"trailing_bytes", s.trailing_bytes},
+                    {"transport_errors", s.transport_errors},
+                    {"scrambled_packets", s.scrambled_packets},
+                    {"sections", std::move(sections)},
+                    {"continuity_errors", std::move(errors)},
+                    {"pcr_pids", std::move(pcr_pids)}};
+    return json{{"summary", std::move(summary)}}.dump();
 }
 
 int run(const std::vector<std::string>& args, std::FILE* out, std::FILE* err) {

@@ -10,7 +10,7 @@
 // and the descriptors under the standard field names. Descriptors show "tag", "length"
 // and either a "name" with the decoded fields of the common classes or "data", the body
 // as hex. Times are written as text: MJD + BCD times as "YYYY-MM-DD hh:mm:ss", BCD
-// durations as "hh:mm:ss", BCD offsets as "hh:mm". DVB text follows append_dvb_text().
+// durations as "hh:mm:ss", BCD offsets as "hh:mm". DVB text follows dvb_text().
 //
 // The parser retries a section with every packet of its PID until the payload unit ends,
 // and hands the same section over each time; it is written once per payload unit.
@@ -23,7 +23,6 @@
 #include <string>
 #include <vector>
 
-#include "kv_json_writer.h"
 #include "mpegcore/BaseMpegParser.h"
 
 namespace kv_ts_inspect {
@@ -87,7 +86,6 @@ private:
     void report(const char* name, const T& table);
 
     section_sink m_onSection;
-    json_writer m_writer;
     uint64_t m_nPacket = 0;  // index of the packet being parsed
     uint16_t m_nPid = 0;     // its PID
     uint64_t m_nBytes = 0;

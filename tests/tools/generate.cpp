@@ -163,13 +163,13 @@ TEST(GenerateCli, ValuesAndOptions) {
     EXPECT_FALSE(parse_time("30 ms", 1, v));
 
     command_line cl;
-    std::string error;
-    ASSERT_TRUE(
-        parse_command_line({"--rate", "38M", "--duration", "30", "--pcr-interval=30ms"}, cl, error))
-        << error;
+    ASSERT_EQ(parse_command_line({"--rate", "38M", "--duration", "30", "--pcr-interval=30ms"}, cl,
+                                 stdout, stderr),
+              -1);
     EXPECT_EQ(cl.opt.packets, 757979u);  // 30 s * 38e6 / 1504 = 757978.7
-    ASSERT_TRUE(
-        parse_command_line({"--rate", "5M", "--packets", "7", "--es-pid", "0x300"}, cl, error));
+    ASSERT_EQ(parse_command_line({"--rate", "5M", "--packets", "7", "--es-pid", "0x300"}, cl,
+                                 stdout, stderr),
+              -1);
     EXPECT_EQ(cl.opt.pcr_pid, 0x300);  // the PCR PID follows the elementary PID
 }
 

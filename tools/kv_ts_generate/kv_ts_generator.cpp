@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 
+#include "kv_cli.h"
 #include "kvcore/kv_bitstream.h"
 #include "mpegcore/PAT.h"
 #include "mpegcore/PMT.h"
@@ -521,156 +522,94 @@ bool parse_time(const std::string& text, uint64_t bare_unit_ns, uint64_t& ns) {
     return scale_exact(digits, frac, scale, uint64_t(1) << 60, ns);
 }
 
-std::string usage() {
-    return "usage: kv-ts-generate --rate BITS (--duration SECONDS | --packets N) [options]\n"
-           "  --rate BITS            line rate: 38M, 5000k, 38000000\n"
-           "  --duration TIME        stream length, seconds unless a unit (s, ms, us) is given\n"
-           "  --packets N            stream length in packets\n"
-           "  --pcr-interval TIME    PCR spacing, milliseconds unless a unit is given (30)\n"
-           "  --pcr-start TICKS      PCR of the first packet, 27 MHz ticks (0)\n"
-           "  --psi-interval TIME    PAT/PMT/SDT repetition, milliseconds unless a unit is "
-           "given (100)\n"
-           "  --program N            program number and service id (1)\n"
-           "  --service-name TEXT    service name in the SDT\n"
-           "  --provider-name TEXT   service provider name in the SDT\n"
-           "  --tsid N               transport_stream_id (1)\n"
-           "  --onid N               original_network_id (1)\n"
-           "  --pmt-pid PID          PMT PID (0x100)\n"
-           "  --es-pid PID           elementary stream PID (0x101)\n"
-           "  --pcr-pid PID          PCR PID (the elementary PID)\n"
-           "  --stream-type N        stream_type of the elementary stream (0x02)\n"
-           "  --fill-null            fill the rate beyond the payload rate with null packets\n"
-           "  --payload-rate BITS    elementary stream rate with --fill-null (half the rate)\n"
-           "  -o, --output FILE      output file, - for standard output (-)\n"
-           "  -q, --quiet            no progress line\n"
-           "  -h, --help             this text\n";
-}
-
-bool parse_command_line(const std::vector<std::string>& args, command_line& cl,
-                        std::string& error) {
+int parse_command_line(const std::vector<std::string>& args, command_line& cl, FILE* out,
+                       FILE* err) {
     cl = command_line();
     cl.output = "-";
     bool haveRate = false, haveDuration = false, havePackets = false, havePcrPid = false,
          havePayloadRate = false;
     uint64_t duration_ns = 0;
-
-    for (size_t i = 0; i < args.size(); ++i) {
-        std::string name = args[i];
-        std::string value;
-        bool inlineValue = false;
-        const size_t eq = name.find('=');
-        if (name.compare(0, 2, "--") == 0 && eq != std::string::npos) {
-            value = name.substr(eq + 1);
-            name = name.substr(0, eq);
-            inlineValue = true;
-        }
-        // Flags first; everything else takes a value.
-        if (name == "-h" || name == "--help") {
-            cl.help = true;
+    const char* kRate = "a whole bit rate (38M, 5000k, 38000000)";
+    const char* kInterval = "an interval (30ms, 0.03s, 30)";
+    const char* kPid = "a PID from 0x20 to 0x1FFE";
+    const auto pid = [&](uint16_t& target, bool* seen = nullptr) {
+        return [&target, seen](const std::string& v) {
+            uint64_t n = 0;
+            if (!parse_uint(v, kNullPid - 1, n) || n < kFirstFreePid) {
+                return false;
+            }
+            target = static_cast<uint16_t>(n);
+            if (seen != nullptr) {
+                *seen = true;
+            }
             return true;
-        }
-        if (name == "-q" || name == "--quiet" || name == "--fill-null") {
-            if (inlineValue) {
-                error = name + " takes no value";
-                return false;
-            }
-            (name == "--fill-null" ? cl.opt.fill_null : cl.quiet) = true;
-            continue;
-        }
-        if (name.empty() || name[0] != '-') {
-            error = "unexpected argument '" + name + "'";
-            return false;
-        }
-        if (!inlineValue) {
-            if (i + 1 >= args.size()) {
-                error = name + " needs a value";
-                return false;
-            }
-            value = args[++i];
-        }
-        const auto bad = [&](const char* what) {
-            error = name + ": '" + value + "' is not " + what;
-            return false;
         };
-        uint64_t v = 0;
-        if (name == "--rate") {
-            if (!parse_rate(value, cl.opt.rate_bps)) {
-                return bad("a whole bit rate (38M, 5000k, 38000000)");
-            }
-            haveRate = true;
-        } else if (name == "--payload-rate") {
-            if (!parse_rate(value, cl.opt.payload_rate_bps)) {
-                return bad("a whole bit rate (38M, 5000k, 38000000)");
-            }
-            havePayloadRate = true;
-        } else if (name == "--duration") {
-            if (!parse_time(value, kNsPerSecond, duration_ns) || duration_ns == 0) {
-                return bad("a duration (30, 2.5, 500ms)");
-            }
-            haveDuration = true;
-        } else if (name == "--packets") {
-            if (!parse_uint(value, UINT64_MAX / kPacketSize, cl.opt.packets) ||
-                cl.opt.packets == 0) {
-                return bad("a packet count");
-            }
-            havePackets = true;
-        } else if (name == "--pcr-interval" || name == "--psi-interval") {
-            uint64_t& target =
-                name == "--pcr-interval" ? cl.opt.pcr_interval_ns : cl.opt.psi_interval_ns;
-            if (!parse_time(value, 1000000, target) || target == 0) {
-                return bad("an interval (30ms, 0.03s, 30)");
-            }
-        } else if (name == "--pcr-start") {
-            if (!parse_uint(value, kPcrWrap - 1, cl.opt.pcr_start)) {
-                return bad("a PCR below 2^33*300 ticks");
-            }
-        } else if (name == "--program" || name == "--tsid" || name == "--onid") {
-            if (!parse_uint(value, 0xFFFF, v)) {
-                return bad("a 16-bit number");
-            }
-            (name == "--program" ? cl.opt.program_number
-             : name == "--tsid"  ? cl.opt.transport_stream_id
-                                 : cl.opt.original_network_id) = static_cast<uint16_t>(v);
-        } else if (name == "--pmt-pid" || name == "--es-pid" || name == "--pcr-pid") {
-            if (!parse_uint(value, kNullPid - 1, v) || v < kFirstFreePid) {
-                return bad("a PID from 0x20 to 0x1FFE");
-            }
-            (name == "--pmt-pid"  ? cl.opt.pmt_pid
-             : name == "--es-pid" ? cl.opt.es_pid
-                                  : cl.opt.pcr_pid) = static_cast<uint16_t>(v);
-            havePcrPid = havePcrPid || name == "--pcr-pid";
-        } else if (name == "--stream-type") {
-            if (!parse_uint(value, 0xFF, v)) {
-                return bad("an 8-bit number");
-            }
-            cl.opt.stream_type = static_cast<uint8_t>(v);
-        } else if (name == "--service-name" || name == "--provider-name") {
-            if (value.size() > 255) {
-                return bad("at most 255 bytes long");
-            }
-            (name == "--service-name" ? cl.opt.service_name : cl.opt.provider_name) = value;
-        } else if (name == "-o" || name == "--output") {
-            if (value.empty()) {
-                return bad("a file name");
-            }
-            cl.output = value;
-        } else {
-            error = "unknown option '" + name + "'";
-            return false;
-        }
+    };
+    const auto interval = [](uint64_t& target) {
+        return [&target](const std::string& v) { return parse_time(v, 1000000, target) && target; };
+    };
+    const auto name = [](std::string& target) {
+        return [&target](const std::string& v) { return v.size() <= 255 && (target = v, true); };
+    };
+    kv_cli::parser cli("kv-ts-generate", "--rate BITS (--duration TIME | --packets N)",
+                       "Writes a constant-rate test transport stream: one program with PAT, PMT,\n"
+                       "SDT and PCRs at their intervals, payload packets with a counting pattern.");
+    cli.option("rate", 0, "BITS", "Line rate: 38M, 5000k, 38000000", kRate,
+               [&](const std::string& v) { return haveRate = parse_rate(v, cl.opt.rate_bps); })
+        .option("duration", 0, "TIME", "Stream length, seconds unless a unit (s, ms, us) is given",
+                "a duration (30, 2.5, 500ms)",
+                [&](const std::string& v) {
+                    return haveDuration = parse_time(v, kNsPerSecond, duration_ns) && duration_ns;
+                })
+        .option("packets", 0, "N", "Stream length in packets", "a packet count",
+                [&](const std::string& v) {
+                    return havePackets = parse_uint(v, UINT64_MAX / kPacketSize, cl.opt.packets) &&
+                                         cl.opt.packets;
+                })
+        .option("pcr-interval", 0, "TIME", "PCR spacing, milliseconds unless a unit is given (30)",
+                kInterval, interval(cl.opt.pcr_interval_ns))
+        .option("pcr-start", 0, "TICKS", "PCR of the first packet, 27 MHz ticks (0)",
+                "a PCR below 2^33*300 ticks",
+                [&](const std::string& v) { return parse_uint(v, kPcrWrap - 1, cl.opt.pcr_start); })
+        .option("psi-interval", 0, "TIME",
+                "PAT/PMT/SDT repetition, milliseconds unless a unit is given (100)", kInterval,
+                interval(cl.opt.psi_interval_ns))
+        .number("program", 0, "N", "Program number and service id (1)", cl.opt.program_number, 0,
+                0xFFFF)
+        .option("service-name", 0, "TEXT", "Service name in the SDT", "at most 255 bytes long",
+                name(cl.opt.service_name))
+        .option("provider-name", 0, "TEXT", "Service provider name in the SDT",
+                "at most 255 bytes long", name(cl.opt.provider_name))
+        .number("tsid", 0, "N", "transport_stream_id (1)", cl.opt.transport_stream_id, 0, 0xFFFF)
+        .number("onid", 0, "N", "original_network_id (1)", cl.opt.original_network_id, 0, 0xFFFF)
+        .option("pmt-pid", 0, "PID", "PMT PID (0x100)", kPid, pid(cl.opt.pmt_pid))
+        .option("es-pid", 0, "PID", "Elementary stream PID (0x101)", kPid, pid(cl.opt.es_pid))
+        .option("pcr-pid", 0, "PID", "PCR PID (the elementary PID)", kPid,
+                pid(cl.opt.pcr_pid, &havePcrPid))
+        .number("stream-type", 0, "N", "stream_type of the elementary stream (0x02)",
+                cl.opt.stream_type, 0, 0xFF)
+        .flag("fill-null", 0, cl.opt.fill_null,
+              "Fill the rate beyond the payload rate with null packets")
+        .option("payload-rate", 0, "BITS", "Elementary stream rate with --fill-null (half the rate)",
+                kRate,
+                [&](const std::string& v) {
+                    return havePayloadRate = parse_rate(v, cl.opt.payload_rate_bps);
+                })
+        .option("output", 'o', "FILE", "Output file, - for standard output (-)", "a file name",
+                [&](const std::string& v) { return !v.empty() && (cl.output = v, true); })
+        .flag("quiet", 'q', cl.quiet, "No progress line");
+    std::vector<std::string> rest;
+    const int usage = cli.parse(args, rest, out, err);
+    if (usage >= 0) {
+        return usage;
     }
-
-    if (!haveRate) {
-        error = "--rate is required";
-        return false;
-    }
-    if (haveDuration == havePackets) {
-        error = "give either --duration or --packets";
-        return false;
-    }
-    if (havePayloadRate && !cl.opt.fill_null) {
-        error = "--payload-rate needs --fill-null";
-        return false;
+    const char* error = !rest.empty()                   ? "unexpected argument"
+                        : !haveRate                      ? "--rate is required"
+                        : haveDuration == havePackets    ? "give either --duration or --packets"
+                        : havePayloadRate && !cl.opt.fill_null ? "--payload-rate needs --fill-null"
+                                                               : nullptr;
+    if (error != nullptr) {
+        return cli.usage_error(error, err);
     }
     if (!havePcrPid) {
         cl.opt.pcr_pid = cl.opt.es_pid;
@@ -678,24 +617,19 @@ bool parse_command_line(const std::vector<std::string>& args, command_line& cl,
     if (haveDuration) {
         cl.opt.packets = packets_for_duration(cl.opt.rate_bps, duration_ns);
         if (cl.opt.packets == 0) {
-            error = "--duration is shorter than one packet at this rate";
-            return false;
+            return cli.usage_error("--duration is shorter than one packet at this rate", err);
         }
     }
-    return true;
+    return -1;
 }
 
 int run(const std::vector<std::string>& args, FILE* err_file) {
     command_line cl;
+    const int usage = parse_command_line(args, cl, stdout, err_file);
+    if (usage >= 0) {
+        return usage;
+    }
     std::string error;
-    if (!parse_command_line(args, cl, error)) {
-        fprintf(err_file, "kv-ts-generate: %s (try --help)\n", error.c_str());
-        return 2;
-    }
-    if (cl.help) {
-        fputs(usage().c_str(), stdout);
-        return 0;
-    }
     // Check the options before the output is created, so that bad options leave no file.
     generator check;
     if (!check.init(cl.opt, error)) {

@@ -143,12 +143,13 @@ struct command_line {
     options opt;
     std::string output;  // "-" is standard output
     bool quiet = false;
-    bool help = false;
 };
 
-// Parses the arguments (without the program name). False with a one-line error text.
-bool parse_command_line(const std::vector<std::string>& args, command_line& cl, std::string& error);
-std::string usage();
+// Parses the arguments (without the program name). -1 when the program goes on; else the
+// exit status once the help or version (on `out`) or a one-line error (on `err`) was
+// printed.
+int parse_command_line(const std::vector<std::string>& args, command_line& cl, FILE* out,
+                       FILE* err);
 
 // The program: 0 on success, 1 when the output cannot be written, 2 on bad usage. Errors
 // and the progress line go to `err_file`.

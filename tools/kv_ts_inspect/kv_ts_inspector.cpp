@@ -9,6 +9,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "kv_cli.h"
 #include "kv_dvb_text.h"
 #include "mpegcore/descriptors_dvb.h"
 #include "mpegcore/descriptors_mpeg.h"
@@ -568,21 +569,19 @@ std::string render_summary(const inspect_summary& s) {
 
 int run(const std::vector<std::string>& args, std::FILE* out, std::FILE* err) {
     bool summary_only = false;
-    std::string path;
-    for (const std::string& a : args) {
-        if (a == "--summary-only") {
-            summary_only = true;
-        } else if (path.empty() && (a == "-" || a.compare(0, 1, "-") != 0)) {
-            path = a;
-        } else {
-            path.clear();
-            break;
-        }
+    kv_cli::parser cli("kv-ts-inspect", "FILE",
+                       "Writes every table section of the transport stream FILE (- for standard\n"
+                       "input) as one JSON object a line, then a summary line.");
+    cli.flag("summary-only", 0, summary_only, "Write the summary line only");
+    std::vector<std::string> files;
+    const int usage = cli.parse(args, files, out, err);
+    if (usage >= 0) {
+        return usage;
     }
-    if (path.empty()) {
-        std::fprintf(err, "usage: kv-ts-inspect [--summary-only] FILE|-\n");
-        return 2;
+    if (files.size() != 1) {
+        return cli.usage_error(files.empty() ? "no FILE given" : "more than one FILE given", err);
     }
+    const std::string& path = files[0];
 
     const bool from_stdin = path == "-";
     const int fd = from_stdin ? 0 : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);

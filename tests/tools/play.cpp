@@ -473,7 +473,7 @@ TEST(PlayRun, ExitStatusAndMessages) {
         {{"--loop", nopcr}, 1, "no PCR in " + nopcr},
         {{"udp://192.0.2.1:5004"}, 1, "unusable source udp://192.0.2.1:5004"},
         {{"udp://nowhere"}, 1, "unusable source udp://nowhere"},
-        {{"--latency", "10001", ts}, 2, "bad --latency"},
+        {{"--latency", "10001", ts}, 2, "--latency: '10001' is not a latency from 0 to 10000 ms"},
         {{"--device", "/dev/video0", "--capture", "x.cap", ts}, 2, "--capture"},
         {{}, 2, "no SOURCE"},
         {{"--latency", "100", "--buffer-size", "20000", "--duration", "1.5", ts},

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "kv_cli.h"
+
 namespace kv_asi_analyze {
 
 namespace {
@@ -586,53 +588,42 @@ std::string format_json(const report& r, double max_pcr_ac_ns) {
 // Command line
 
 int run(const std::vector<std::string>& args, std::string& out, std::string& err) {
-    static const char* const kUsage =
-        "usage: kv-asi-analyze CAPTURE [--source FILE.ts] [--json] [--max-pcr-ac NS]\n"
-        "                      [--start-up FRAMES]\n"
-        "  --start-up FRAMES  20 ms frames at the start of the line left out of the PCR\n"
-        "                     accuracy (0, the default: the whole line from its first PCR)\n";
-    std::string capture, source;
+    std::string source;
     bool bJson = false;
     double maxPcrAc = -1;
     unsigned startUpFrames = kDefaultStartUpFrames;
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string& a = args[i];
-        if (a == "--json") {
-            bJson = true;
-        } else if (a == "--source" && i + 1 < args.size()) {
-            source = args[++i];
-        } else if (a == "--max-pcr-ac" && i + 1 < args.size()) {
-            char* end = nullptr;
-            maxPcrAc = strtod(args[++i].c_str(), &end);
-            if (*end != '\0' || !(maxPcrAc >= 0)) {
-                err = "kv-asi-analyze: --max-pcr-ac needs a number of nanoseconds\n";
-                return 2;
-            }
-        } else if (a == "--start-up" && i + 1 < args.size()) {
-            char* end = nullptr;
-            const unsigned long n = strtoul(args[++i].c_str(), &end, 10);
-            if (*end != '\0' || args[i].empty() || args[i][0] == '-' || n > 100000) {
-                err = "kv-asi-analyze: --start-up needs a number of frames\n";
-                return 2;
-            }
-            startUpFrames = unsigned(n);
-        } else if (a == "-h" || a == "--help") {
-            out = kUsage;
-            return 0;
-        } else if (!a.empty() && a[0] == '-') {
-            err = std::string("kv-asi-analyze: unknown or incomplete option ") + a + "\n" + kUsage;
-            return 2;
-        } else if (capture.empty()) {
-            capture = a;
-        } else {
-            err = std::string("kv-asi-analyze: one capture file only\n") + kUsage;
-            return 2;
-        }
+    kv_cli::parser cli("kv-asi-analyze", "CAPTURE",
+                       "Reads a capture of the ASI line and reports its rate, idle share,\n"
+                       "continuity, PCR repetition and accuracy, and its agreement with the\n"
+                       "source stream. Exit status 1 when a PCR PID exceeds --max-pcr-ac.");
+    cli.text("source", 0, "FILE.ts", "The stream that was played, to compare the line with",
+             source)
+        .flag("json", 0, bJson, "The report as one JSON object")
+        .option("max-pcr-ac", 0, "NS", "PCR accuracy limit in nanoseconds",
+                "a number of nanoseconds",
+                [&](const std::string& v) { return kv_cli::to_double(v, 0, 1e12, maxPcrAc); })
+        .number("start-up", 0, "FRAMES",
+                "20 ms frames at the start of the line left out of the PCR accuracy (0: the\n"
+                "                         whole line from its first PCR)",
+                startUpFrames, 0, 100000);
+    // The parser prints; what it prints is handed back as text.
+    std::vector<std::string> files;
+    char* printed = nullptr;
+    size_t printedSize = 0;
+    FILE* f = open_memstream(&printed, &printedSize);
+    int usage = f != nullptr ? cli.parse(args, files, f, f) : 2;
+    if (usage < 0 && files.size() != 1) {
+        usage = cli.usage_error(files.empty() ? "no CAPTURE given" : "one capture file only", f);
     }
-    if (capture.empty()) {
-        err = kUsage;
-        return 2;
+    if (f != nullptr) {
+        std::fclose(f);
+        (usage == 0 ? out : err) = std::string(printed, printedSize);
+        std::free(printed);
     }
+    if (usage >= 0) {
+        return usage;
+    }
+    const std::string& capture = files[0];
     report r;
     std::string error;
     if (!analyze_files(capture, source, r, error, startUpFrames)) {

@@ -5,7 +5,6 @@
 // a second until the end of the file, Ctrl-C or the --duration limit.
 
 #include <fcntl.h>
-#include <getopt.h>
 #include <glib-unix.h>
 #include <gst/app/gstappsrc.h>
 #include <gst/gst.h>
@@ -25,6 +24,7 @@
 #include <thread>
 
 #include "kv_asi_renderer/kv_asi_renderer_statistics.h"
+#include "kv_cli.h"
 #include "kv_play_alarms.h"
 #include "kv_play_status.h"
 #include "kv_ts_file_pacer.h"
@@ -49,35 +49,6 @@ constexpr int64_t kLeadMarginMs = 500;
 constexpr std::chrono::milliseconds kDrainTail{500};
 constexpr guint kTickMs = 250;
 constexpr int kTicksPerLine = 4;
-
-const char* const kUsage =
-    "usage: kv-asi-play [options] SOURCE\n"
-    "Plays an MPEG-2 transport stream out through the kv_asi_renderer element.\n"
-    "SOURCE is a file of 188-byte packets or udp://ADDRESS:PORT (unicast or multicast).\n"
-    "\n"
-    "Output:\n"
-    "  -d, --device PATH        V4L2 ASI output node (property v4l2); without it the\n"
-    "                           stream goes to the virtual ASI board\n"
-    "      --capture FILE       virtual board: capture of everything sent on the line\n"
-    "      --board-stats FILE   virtual board: its counters as JSON, written at the end\n"
-    "      --board-lib PATH     virtual board library (libkv_vboard.so)\n"
-    "Element properties:\n"
-    "  -b, --buffer-size BYTES  FIFO capacity (buffer-size)\n"
-    "  -l, --latency MS         stream buffered before output starts, 0..10000 (latency)\n"
-    "      --pll, --no-pll      lock stream time to the board's clock or not (pll)\n"
-    "  -t, --time-control MODE  pace by pcr (0, the default) or by time stamps: stamp (1)\n"
-    "                           (time-control)\n"
-    "      --reset-when-empty   reset the FIFO whenever it runs empty (reset-when-empty)\n"
-    "      --alarm-source NAME  source name of the alarms (alarm-source-name),\n"
-    "                           kv-asi-play by default\n"
-    "Playing:\n"
-    "      --loop               play a file over and over\n"
-    "      --duration SECONDS   stop after this long\n"
-    "      --iface NAME         network interface that joins a multicast source\n"
-    "      --plugin FILE        the element's plugin module (libkv_asi_renderer.so)\n"
-    "  -h, --help               this text\n"
-    "\n"
-    "Exit status: 0 played to the end or stopped, 1 failure, 2 bad usage.\n";
 
 // ---------------------------------------------------------------------------------------
 // Console: the live statistics line and the messages printed around it.
@@ -220,123 +191,78 @@ bool valid_udp_uri(const std::string& uri) {
 
 // Returns -1 to go on, else the exit status.
 int parse_options(int argc, char** argv, options& o) {
-    enum {
-        kPll = 256,
-        kNoPll,
-        kResetWhenEmpty,
-        kAlarmSource,
-        kLoop,
-        kDuration,
-        kIface,
-        kCapture,
-        kBoardStats,
-        kBoardLib,
-        kPlugin
-    };
-    static const option kLong[] = {{"device", required_argument, nullptr, 'd'},
-                                   {"buffer-size", required_argument, nullptr, 'b'},
-                                   {"latency", required_argument, nullptr, 'l'},
-                                   {"pll", no_argument, nullptr, kPll},
-                                   {"no-pll", no_argument, nullptr, kNoPll},
-                                   {"time-control", required_argument, nullptr, 't'},
-                                   {"reset-when-empty", no_argument, nullptr, kResetWhenEmpty},
-                                   {"alarm-source", required_argument, nullptr, kAlarmSource},
-                                   {"loop", no_argument, nullptr, kLoop},
-                                   {"duration", required_argument, nullptr, kDuration},
-                                   {"iface", required_argument, nullptr, kIface},
-                                   {"capture", required_argument, nullptr, kCapture},
-                                   {"board-stats", required_argument, nullptr, kBoardStats},
-                                   {"board-lib", required_argument, nullptr, kBoardLib},
-                                   {"plugin", required_argument, nullptr, kPlugin},
-                                   {"help", no_argument, nullptr, 'h'},
-                                   {nullptr, 0, nullptr, 0}};
-    auto bad = [](const std::string& text) {
-        fail(text);
-        std::fputs(kUsage, stderr);
-        return 2;
-    };
-    int c = 0;
-    while ((c = getopt_long(argc, argv, "d:b:l:t:h", kLong, nullptr)) != -1) {
-        switch (c) {
-            case 'd':
-                o.strDevice = optarg;
-                break;
-            case 'b':
-                if (!parse_uint(optarg, G_MAXUINT, o.nBufferSize)) {
-                    return bad(std::string("bad --buffer-size ") + optarg);
-                }
-                o.bBufferSize = true;
-                break;
-            case 'l':
-                if (!parse_uint(optarg, 10000, o.nLatency)) {
-                    return bad(std::string("bad --latency ") + optarg + " (0..10000 ms)");
-                }
-                o.bLatency = true;
-                break;
-            case kPll:
-                o.nPll = 1;
-                break;
-            case kNoPll:
-                o.nPll = 0;
-                break;
-            case 't':
-                if (std::strcmp(optarg, "pcr") == 0 || std::strcmp(optarg, "0") == 0) {
-                    o.nTimeControl = 0;
-                } else if (std::strcmp(optarg, "stamp") == 0 || std::strcmp(optarg, "1") == 0) {
-                    o.nTimeControl = 1;
-                } else {
-                    return bad(std::string("bad --time-control ") + optarg + " (pcr or stamp)");
-                }
-                break;
-            case kResetWhenEmpty:
-                o.bResetWhenEmpty = true;
-                break;
-            case kAlarmSource:
-                o.strAlarmSource = optarg;
-                break;
-            case kLoop:
-                o.bLoop = true;
-                break;
-            case kDuration: {
-                char* end = nullptr;
-                o.dDuration = std::strtod(optarg, &end);
-                if (end == optarg || *end != '\0' || !(o.dDuration > 0) || o.dDuration > 1e9) {
-                    return bad(std::string("bad --duration ") + optarg);
-                }
-                break;
-            }
-            case kIface:
-                o.strIface = optarg;
-                break;
-            case kCapture:
-                o.strCapture = optarg;
-                break;
-            case kBoardStats:
-                o.strBoardStats = optarg;
-                break;
-            case kBoardLib:
-                o.strBoardLib = optarg;
-                break;
-            case kPlugin:
-                o.strPlugin = optarg;
-                break;
-            case 'h':
-                std::fputs(kUsage, stdout);
-                return 0;
-            default:
-                std::fputs(kUsage, stderr);
-                return 2;
-        }
+    bool bPll = false;
+    bool bNoPll = false;
+    kv_cli::parser cli(
+        kProgram, "SOURCE",
+        "Plays an MPEG-2 transport stream out through the kv_asi_renderer element. SOURCE is\n"
+        "a file of 188-byte packets or udp://ADDRESS:PORT (unicast or multicast). Without\n"
+        "--device the stream goes to the virtual ASI board. Element properties are named in\n"
+        "brackets.\n"
+        "Exit status: 0 played to the end or stopped, 1 failure, 2 bad usage.");
+    cli.text("device", 'd', "PATH", "V4L2 ASI output node (v4l2)", o.strDevice)
+        .text("capture", 0, "FILE", "Virtual board: capture of everything sent on the line",
+              o.strCapture)
+        .text("board-stats", 0, "FILE", "Virtual board: its counters as JSON, written at the end",
+              o.strBoardStats)
+        .text("board-lib", 0, "PATH", "Virtual board library (libkv_vboard.so)", o.strBoardLib)
+        .option("buffer-size", 'b', "BYTES", "FIFO capacity (buffer-size)", "a number of bytes",
+                [&](const std::string& v) {
+                    uint64_t n = 0;
+                    o.bBufferSize = kv_cli::to_uint(v, G_MAXUINT, n);
+                    o.nBufferSize = static_cast<guint>(n);
+                    return o.bBufferSize;
+                })
+        .option("latency", 'l', "MS", "Stream buffered before output starts, 0..10000 (latency)",
+                "a latency from 0 to 10000 ms",
+                [&](const std::string& v) {
+                    uint64_t n = 0;
+                    o.bLatency = kv_cli::to_uint(v, 10000, n);
+                    o.nLatency = static_cast<guint>(n);
+                    return o.bLatency;
+                })
+        .flag("pll", 0, bPll, "Lock stream time to the board's clock (pll)")
+        .flag("no-pll", 0, bNoPll, "Do not (pll)")
+        .option("time-control", 't', "MODE",
+                "Pace by pcr (0, the default) or by time stamps: stamp (1) (time-control)",
+                "pcr or stamp",
+                [&](const std::string& v) {
+                    o.nTimeControl = v == "stamp" || v == "1" ? 1 : 0;
+                    return v == "pcr" || v == "0" || v == "stamp" || v == "1";
+                })
+        .flag("reset-when-empty", 0, o.bResetWhenEmpty,
+              "Reset the FIFO whenever it runs empty (reset-when-empty)")
+        .text("alarm-source", 0, "NAME",
+              "Source name of the alarms, kv-asi-play by default (alarm-source-name)",
+              o.strAlarmSource)
+        .flag("loop", 0, o.bLoop, "Play a file over and over")
+        .option("duration", 0, "SECONDS", "Stop after this long", "a positive number of seconds",
+                [&](const std::string& v) {
+                    return kv_cli::to_double(v, 0, 1e9, o.dDuration) && o.dDuration > 0;
+                })
+        .text("iface", 0, "NAME", "Network interface that joins a multicast source", o.strIface)
+        .text("plugin", 0, "FILE", "The element's plugin module (libkv_asi_renderer.so)",
+              o.strPlugin)
+        .version_detail(std::string(gst_version_string()))
+        .group(gst_init_get_option_group());
+    std::vector<std::string> sources;
+    const int usage = cli.parse(kv_cli::arguments(argc, argv), sources);
+    if (usage >= 0) {
+        return usage;
     }
-    if (optind + 1 != argc) {
-        return bad(optind == argc ? "no SOURCE given" : "more than one SOURCE given");
+    if (bPll || bNoPll) {
+        o.nPll = bPll && !bNoPll ? 1 : 0;
     }
-    o.strSource = argv[optind];
+    if (sources.size() != 1) {
+        return cli.usage_error(sources.empty() ? "no SOURCE given" : "more than one SOURCE given");
+    }
+    o.strSource = sources[0];
     if (!o.strDevice.empty() && (!o.strCapture.empty() || !o.strBoardStats.empty())) {
-        return bad("--capture and --board-stats belong to the virtual board: leave out --device");
+        return cli.usage_error(
+            "--capture and --board-stats belong to the virtual board: leave out --device");
     }
     if (is_udp(o.strSource) && o.bLoop) {
-        return bad("--loop needs a file");
+        return cli.usage_error("--loop needs a file");
     }
     return -1;
 }

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "kv_asi_renderer/kv_asi_renderer_statistics.h"
+#include "kv_cli.h"
 #include "kv_asi_renderer/kv_i_alarm_manager.h"
 #include "kv_play_alarms.h"
 #include "kv_soak_loop.h"
@@ -58,126 +59,69 @@ struct options {
     limits lim;
 };
 
-void usage(FILE* out) {
-    std::fprintf(
-        out,
-        "usage: kv-asi-soak [options] FILE.ts\n"
-        "  -n, --elements N        pipelines in this process (1)\n"
-        "  --nodes PATTERN         device node of element i, %%i = i (/dev/kvasi%%i)\n"
-        "  --pll, --no-pll         the element's pll property (off)\n"
-        "  --latency MS            the element's latency (1000)\n"
-        "  --buffer-size BYTES     the element's buffer-size (its default)\n"
-        "  --loop                  play the file endlessly with continuous PCRs\n"
-        "  --duration S            stop after S seconds of play (looping: 60)\n"
-        "  --interval S            seconds between samples (1)\n"
-        "  --csv FILE              every sample row to FILE\n"
-        "  --print-every S         rows on standard output every S seconds\n"
-        "  --sink renderer|udp     kv_asi_renderer, or udpsink to 127.0.0.1\n"
-        "  --udp-port N            first UDP port for --sink udp (5600)\n"
-        "  --plugin FILE           load the element's module from FILE\n"
-        "  --max-drift-ms X        FIFO fullness drift allowed over the second half (50)\n"
-        "  --max-drift-rate US     FIFO fullness slope allowed over the second half, us/s\n"
-        "                          (0: not checked, the default)\n"
-        "  --max-rss-growth KIB    RSS growth allowed over the second half (4096)\n"
-        "  --allow-resets          output resets in the second half do not fail\n"
-        "  --pause-at S            take the pipelines to PAUSED S seconds into the run\n"
-        "  --pause-for S           and back to PLAYING S seconds later (10)\n");
-}
-
-bool parse_options(int argc, char** argv, options& o) {
-    for (int i = 1; i < argc; ++i) {
-        const std::string a = argv[i];
-        auto value = [&](const char*& v) {
-            if (i + 1 >= argc) {
-                std::fprintf(stderr, "kv-asi-soak: %s needs a value\n", a.c_str());
-                return false;
-            }
-            v = argv[++i];
-            return true;
-        };
-        const char* v = nullptr;
-        if (a == "-h" || a == "--help") {
-            usage(stdout);
-            std::exit(0);
-        } else if (a == "--pll") {
-            o.bPll = true;
-        } else if (a == "--no-pll") {
-            o.bPll = false;
-        } else if (a == "--loop") {
-            o.bLoop = true;
-        } else if (a == "--allow-resets") {
-            o.lim.bResetsFail = false;
-        } else if (a == "-n" || a == "--elements") {
-            if (!value(v))
-                return false;
-            o.nElements = std::atoi(v);
-        } else if (a == "--nodes") {
-            if (!value(v))
-                return false;
-            o.strNodePattern = v;
-        } else if (a == "--latency") {
-            if (!value(v))
-                return false;
-            o.nLatencyMs = unsigned(std::strtoul(v, nullptr, 10));
-        } else if (a == "--buffer-size") {
-            if (!value(v))
-                return false;
-            o.nBufferSize = unsigned(std::strtoul(v, nullptr, 10));
-        } else if (a == "--duration") {
-            if (!value(v))
-                return false;
-            o.duration = std::atof(v);
-        } else if (a == "--interval") {
-            if (!value(v))
-                return false;
-            o.interval = std::atof(v);
-        } else if (a == "--print-every") {
-            if (!value(v))
-                return false;
-            o.printEvery = std::atof(v);
-        } else if (a == "--csv") {
-            if (!value(v))
-                return false;
-            o.strCsv = v;
-        } else if (a == "--sink") {
-            if (!value(v))
-                return false;
-            o.strSink = v;
-        } else if (a == "--udp-port") {
-            if (!value(v))
-                return false;
-            o.nUdpPort = std::atoi(v);
-        } else if (a == "--plugin") {
-            if (!value(v))
-                return false;
-            o.strPlugin = v;
-        } else if (a == "--max-drift-ms") {
-            if (!value(v))
-                return false;
-            o.lim.maxDriftMs = std::atof(v);
-        } else if (a == "--max-drift-rate") {
-            if (!value(v))
-                return false;
-            o.lim.maxDriftRate = std::atof(v);
-        } else if (a == "--pause-at" || a == "--pause-for") {
-            if (!value(v))
-                return false;
-            (a == "--pause-at" ? o.pauseAt : o.pauseFor) = std::atof(v);
-        } else if (a == "--max-rss-growth") {
-            if (!value(v))
-                return false;
-            o.lim.maxRssGrowthKiB = std::atoll(v);
-        } else if (!a.empty() && a[0] == '-') {
-            std::fprintf(stderr, "kv-asi-soak: unknown option %s\n", a.c_str());
-            return false;
-        } else {
-            o.strFile = a;
-        }
+// Returns -1 to go on, else the exit status.
+int parse_options(int argc, char** argv, options& o) {
+    const auto seconds = [](double& target) {
+        return [&target](const std::string& v) { return kv_cli::to_double(v, 0, 1e7, target); };
+    };
+    const char* kSeconds = "a number of seconds";
+    kv_cli::parser cli("kv-asi-soak", "FILE.ts",
+                       "Runs kv_asi_renderer pipelines in one process, samples every element's\n"
+                       "statistics, the process's memory and CPU time, and judges at the end\n"
+                       "whether anything kept growing over the second half of the run.");
+    cli.number("elements", 'n', "N", "Pipelines in this process (1)", o.nElements, 1, 64)
+        .text("nodes", 0, "PATTERN", "Device node of element i, %i = i (/dev/kvasi%i)",
+              o.strNodePattern)
+        .flag("pll", 0, o.bPll, "The element's pll property on")
+        .flag("no-pll", 0, o.bPll, "The element's pll property off (the default)", false)
+        .number("latency", 0, "MS", "The element's latency (1000)", o.nLatencyMs, 0, 10000)
+        .number("buffer-size", 0, "BYTES", "The element's buffer-size (its default)",
+                o.nBufferSize, 0, UINT32_MAX)
+        .flag("loop", 0, o.bLoop, "Play the file endlessly with continuous PCRs")
+        .option("duration", 0, "S", "Stop after S seconds of play (looping: 60)", kSeconds,
+                seconds(o.duration))
+        .option("interval", 0, "S", "Seconds between samples (1)", "a positive number of seconds",
+                [&](const std::string& v) {
+                    return kv_cli::to_double(v, 0.001, 3600, o.interval);
+                })
+        .text("csv", 0, "FILE", "Every sample row to FILE", o.strCsv)
+        .option("print-every", 0, "S", "Rows on standard output every S seconds", kSeconds,
+                seconds(o.printEvery))
+        .option("sink", 0, "renderer|udp", "kv_asi_renderer, or udpsink to 127.0.0.1",
+                "renderer or udp",
+                [&](const std::string& v) {
+                    o.strSink = v;
+                    return v == "renderer" || v == "udp";
+                })
+        .number("udp-port", 0, "N", "First UDP port for --sink udp (5600)", o.nUdpPort, 1, 65535)
+        .text("plugin", 0, "FILE", "Load the element's module from FILE", o.strPlugin)
+        .option("max-drift-ms", 0, "X", "FIFO fullness drift allowed over the second half (50)",
+                "a number of milliseconds",
+                [&](const std::string& v) { return kv_cli::to_double(v, 0, 1e6, o.lim.maxDriftMs); })
+        .option("max-drift-rate", 0, "US",
+                "FIFO fullness slope allowed over the second half, us/s (0: not checked)",
+                "a number of microseconds a second",
+                [&](const std::string& v) {
+                    return kv_cli::to_double(v, 0, 1e6, o.lim.maxDriftRate);
+                })
+        .number("max-rss-growth", 0, "KIB", "RSS growth allowed over the second half (4096)",
+                o.lim.maxRssGrowthKiB, 0, INT64_MAX)
+        .flag("allow-resets", 0, o.lim.bResetsFail, "Output resets in the second half do not fail",
+              false)
+        .option("pause-at", 0, "S", "Take the pipelines to PAUSED S seconds into the run",
+                kSeconds, seconds(o.pauseAt))
+        .option("pause-for", 0, "S", "And back to PLAYING S seconds later (10)", kSeconds,
+                seconds(o.pauseFor))
+        .group(gst_init_get_option_group());
+    std::vector<std::string> files;
+    const int usage = cli.parse(kv_cli::arguments(argc, argv), files);
+    if (usage >= 0) {
+        return usage;
     }
-    if (o.strFile.empty() || o.nElements < 1 || o.nElements > 64 || o.interval <= 0 ||
-        (o.strSink != "renderer" && o.strSink != "udp")) {
-        return false;
+    if (files.size() != 1) {
+        return cli.usage_error(files.empty() ? "no FILE.ts given" : "one FILE.ts only");
     }
+    o.strFile = files[0];
     if (o.bLoop && o.duration <= 0) {
         o.duration = 60;
     }
@@ -187,7 +131,7 @@ bool parse_options(int argc, char** argv, options& o) {
     if (o.printEvery <= 0) {
         o.printEvery = o.strCsv.empty() ? o.interval : 10;
     }
-    return true;
+    return -1;
 }
 
 // FIFO depth against the latency: over time (a row a minute), and its range before the
@@ -391,12 +335,12 @@ std::string csv_row(const lane& l, const element_sample& s, const process_sample
 }  // namespace
 
 int main(int argc, char** argv) {
-    gst_init(&argc, &argv);
     options o;
-    if (!parse_options(argc, argv, o)) {
-        usage(stderr);
-        return 2;
+    const int usage = parse_options(argc, argv, o);
+    if (usage >= 0) {
+        return usage;
     }
+    gst_init(nullptr, nullptr);
     if (!o.strPlugin.empty()) {
         GError* err = nullptr;
         GstPlugin* plugin = gst_plugin_load_file(o.strPlugin.c_str(), &err);

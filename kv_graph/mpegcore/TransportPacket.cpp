@@ -103,6 +103,29 @@ bool adaptation_field::read(const uint8_t* data, size_t size, adaptation_field& 
     return true;
 }
 
+namespace packet_bytes {
+
+uint64_t pcr(const uint8_t* p) {
+    const uint8_t* f = p + 6;
+    const uint64_t base = (uint64_t(f[0]) << 25) | (uint64_t(f[1]) << 17) | (uint64_t(f[2]) << 9) |
+                          (uint64_t(f[3]) << 1) | (f[4] >> 7);
+    return base * 300 + ((uint64_t(f[4] & 0x01) << 8) | f[5]);
+}
+
+void set_pcr(uint8_t* p, uint64_t ticks) {
+    const uint64_t base = ticks / 300;
+    const uint64_t ext = ticks % 300;
+    uint8_t* f = p + 6;
+    f[0] = static_cast<uint8_t>(base >> 25);
+    f[1] = static_cast<uint8_t>(base >> 17);
+    f[2] = static_cast<uint8_t>(base >> 9);
+    f[3] = static_cast<uint8_t>(base >> 1);
+    f[4] = static_cast<uint8_t>(((base & 1) << 7) | (f[4] & 0x7E) | ((ext >> 8) & 1));
+    f[5] = static_cast<uint8_t>(ext);
+}
+
+}  // namespace packet_bytes
+
 void transport_packet::decode_header(const uint8_t* packet) {
     const uint8_t b1 = packet[1];
     const uint8_t b3 = packet[3];

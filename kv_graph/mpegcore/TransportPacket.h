@@ -107,4 +107,42 @@ struct transport_packet {
     void decode_header(const uint8_t* packet);
 };
 
+// Fields read from and written to a packet's 188 bytes in place, for code that looks at a
+// field or two of every packet and has no use for a whole transport_packet.
+namespace packet_bytes {
+
+inline uint16_t pid(const uint8_t* p) {
+    return static_cast<uint16_t>(((p[1] & 0x1F) << 8) | p[2]);
+}
+inline bool transport_error(const uint8_t* p) {
+    return (p[1] & 0x80) != 0;
+}
+inline uint8_t continuity_counter(const uint8_t* p) {
+    return p[3] & 0x0F;
+}
+inline void set_continuity_counter(uint8_t* p, unsigned cc) {
+    p[3] = static_cast<uint8_t>((p[3] & 0xF0) | (cc & 0x0F));
+}
+inline bool has_payload(const uint8_t* p) {
+    return (p[3] & 0x10) != 0;
+}
+inline bool has_adaptation_field(const uint8_t* p) {
+    return (p[3] & 0x20) != 0;
+}
+// The adaptation field's discontinuity_indicator; false without a field or with an empty one.
+inline bool discontinuity(const uint8_t* p) {
+    return has_adaptation_field(p) && p[4] > 0 && (p[5] & 0x80) != 0;
+}
+// An adaptation field long enough for a PCR, with its PCR_flag set.
+inline bool has_pcr(const uint8_t* p) {
+    return has_adaptation_field(p) && p[4] >= 7 && (p[5] & 0x10) != 0;
+}
+// The PCR of a packet with has_pcr(), in 27 MHz ticks: base * 300 + extension.
+uint64_t pcr(const uint8_t* p);
+// Writes the PCR of a packet with has_pcr() (ticks below 2^33 * 300), leaving the reserved
+// bits as they are.
+void set_pcr(uint8_t* p, uint64_t ticks);
+
+}  // namespace packet_bytes
+
 }  // namespace mpegcore

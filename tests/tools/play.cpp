@@ -18,8 +18,10 @@
 #include "kv_play_status.h"
 #include "kv_ts_file_pacer.h"
 #include "kv_ts_generator.h"
+#include "mpegcore/TransportPacket.h"
 
 using namespace kv_asi_play;
+namespace pb = mpegcore::packet_bytes;
 
 namespace {
 
@@ -39,10 +41,6 @@ void write_file(const std::string& path, const std::vector<uint8_t>& data) {
         .write(reinterpret_cast<const char*>(data.data()), std::streamsize(data.size()));
 }
 
-int pid_of(const uint8_t* p) {
-    return ((p[1] & 0x1F) << 8) | p[2];
-}
-
 // One payload packet, with a PCR (and optionally its discontinuity indicator) when given.
 void put_packet(std::vector<uint8_t>& out, uint16_t pid, uint8_t cc, const uint64_t* pcr,
                 bool bDiscontinuity = false) {
@@ -55,7 +53,7 @@ void put_packet(std::vector<uint8_t>& out, uint16_t pid, uint8_t cc, const uint6
     if (pcr != nullptr) {
         p[4] = 7;
         p[5] = uint8_t(0x10 | (bDiscontinuity ? 0x80 : 0));
-        write_pcr(p, *pcr);
+        pb::set_pcr(p, *pcr);
     }
     out.insert(out.end(), p, p + 188);
 }
@@ -153,11 +151,12 @@ TEST(PlayPacer, RealCapturesKeepEveryPacketAndFollowTheirPcrs) {
         uint64_t nLast = 0;
         int64_t t = 0;
         for (size_t off = 0; off + 188 <= file.size(); off += 188) {
-            uint64_t pcr = 0;
-            bool bDisc = false;
-            if (pid_of(&file[off]) != pacer.pcr_pid() || !packet_pcr(&file[off], pcr, bDisc)) {
+            const uint8_t* p = &file[off];
+            if (pb::pid(p) != pacer.pcr_pid() || !pb::has_pcr(p)) {
                 continue;
             }
+            const uint64_t pcr = pb::pcr(p);
+            const bool bDisc = pb::discontinuity(p);
             const int64_t d = int64_t((pcr + kPcrModulus - nLast) % kPcrModulus);
             if (!anchors.empty() && (bDisc || d <= 0 || d >= ts_file_pacer::kMaxPcrStep)) {
                 break;
@@ -292,16 +291,15 @@ TEST(PlayLoop, SeamsContinuePcrsCountersAndTime) {
         size_t nPcrs = 0;
         for (uint64_t i = 0; i < 3 * v.nPackets; ++i) {
             const uint8_t* p = &bytes[i * 188];
-            const int pid = pid_of(p), cc = p[3] & 0x0F;
+            const int pid = pb::pid(p), cc = pb::continuity_counter(p);
             if (pid == 0x1FFF) {
                 ASSERT_EQ(cc, 0) << i;
             } else if (lastCc.count(pid) != 0) {
                 ASSERT_EQ(cc, (lastCc[pid] + ((p[3] & 0x10) ? 1 : 0)) & 0x0F) << i;
             }
             lastCc[pid] = cc;
-            uint64_t pcr = 0;
-            if (read_pcr(p, pcr)) {
-                ASSERT_EQ(pcr, (start + i * kTicksPerPacket) % kPcrModulus) << i;
+            if (pb::has_pcr(p)) {
+                ASSERT_EQ(pb::pcr(p), (start + i * kTicksPerPacket) % kPcrModulus) << i;
                 ASSERT_EQ(p[5] & 0x80, 0) << i;
                 ASSERT_EQ(p[10] & 0x7E, 0x7E) << "reserved bits, packet " << i;
                 ++nPcrs;

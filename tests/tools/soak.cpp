@@ -10,10 +10,11 @@
 #include "kv_soak_loop.h"
 #include "kv_soak_report.h"
 #include "kv_ts_generator.h"
+#include "mpegcore/TransportPacket.h"
 
 using namespace kv_asi_soak;
 using kv_asi_play::kPcrModulus;
-using kv_asi_play::read_pcr;
+namespace pb = mpegcore::packet_bytes;
 
 namespace {
 
@@ -48,14 +49,13 @@ TEST(SoakLoop, FillRunsOnAcrossSeamsInAnyChunking) {
     size_t nPcrs = 0;
     for (size_t i = 0; i < 6000; ++i) {
         const uint8_t* p = &out[i * kPacketSize];
-        const int pid = ((p[1] & 0x1F) << 8) | p[2], cc = p[3] & 0x0F;
+        const int pid = pb::pid(p), cc = pb::continuity_counter(p);
         if (pid != 0x1FFF && lastCc.count(pid) != 0) {
             ASSERT_EQ(cc, (lastCc[pid] + 1) & 0x0F) << "packet " << i;
         }
         lastCc[pid] = cc;
-        uint64_t pcr = 0;
-        if (read_pcr(p, pcr)) {
-            ASSERT_EQ(pcr, (start + i * 1500) % kPcrModulus) << "packet " << i;
+        if (pb::has_pcr(p)) {
+            ASSERT_EQ(pb::pcr(p), (start + i * 1500) % kPcrModulus) << "packet " << i;
             ++nPcrs;
         }
     }
@@ -63,9 +63,8 @@ TEST(SoakLoop, FillRunsOnAcrossSeamsInAnyChunking) {
     // A pass count whose product with the pass length leaves 64 bits.
     const uint64_t pass = uint64_t(1) << 40;
     loop.fill(pass * 2000, 1, out.data());
-    uint64_t pcr = 0;
-    ASSERT_TRUE(read_pcr(out.data(), pcr));
-    EXPECT_EQ(pcr, uint64_t((start + (unsigned __int128)pass * 2000 * 1500) % kPcrModulus));
+    ASSERT_TRUE(pb::has_pcr(out.data()));
+    EXPECT_EQ(pb::pcr(out.data()), uint64_t((start + (unsigned __int128)pass * 2000 * 1500) % kPcrModulus));
 }
 
 TEST(SoakLoop, RefusesWhatCannotBeLooped) {

@@ -9,8 +9,11 @@
 #include <cstring>
 
 #include "kv_cli.h"
+#include "mpegcore/TransportPacket.h"
 
 namespace kv_asi_analyze {
+
+namespace pb = mpegcore::packet_bytes;
 
 namespace {
 
@@ -112,8 +115,8 @@ void capture_analyzer::add(uint32_t stamp, const uint8_t* p) {
     m_nLastStamp = stamp;
     ++m_nPackets;
 
-    const uint16_t pid = uint16_t((p[1] & 0x1f) << 8 | p[2]);
-    if (pid != 0x1fff && !(p[1] & 0x80)) {
+    const uint16_t pid = pb::pid(p);
+    if (pid != mpegcore::TS_NULL_PID && !pb::transport_error(p)) {
         check_continuity(pid, p);
         take_pcr(pid, p, m_tLine);
     }
@@ -124,10 +127,9 @@ void capture_analyzer::add(uint32_t stamp, const uint8_t* p) {
 
 void capture_analyzer::check_continuity(uint16_t pid, const uint8_t* p) {
     pid_state& s = m_pids[pid];
-    const uint8_t afc = (p[3] >> 4) & 3;
-    const uint8_t cc = p[3] & 0x0f;
-    const bool bPayload = (afc & 1) != 0;
-    const bool bDiscontinuity = (afc & 2) && p[4] > 0 && (p[5] & 0x80);
+    const uint8_t cc = pb::continuity_counter(p);
+    const bool bPayload = pb::has_payload(p);
+    const bool bDiscontinuity = pb::discontinuity(p);
     if (!s.bHasCC || bDiscontinuity) {
         s.bHasCC = true;
         s.cc = cc;
@@ -151,16 +153,12 @@ void capture_analyzer::check_continuity(uint16_t pid, const uint8_t* p) {
 }
 
 void capture_analyzer::take_pcr(uint16_t pid, const uint8_t* p, uint64_t t) {
-    const uint8_t afc = (p[3] >> 4) & 3;
-    if (!(afc & 2) || p[4] < 7 || !(p[5] & 0x10)) {
+    if (!pb::has_pcr(p)) {
         return;
     }
-    const int64_t base = int64_t(p[6]) << 25 | int64_t(p[7]) << 17 | int64_t(p[8]) << 9 |
-                         int64_t(p[9]) << 1 | int64_t(p[10] >> 7);
-    const int64_t ext = int64_t(p[10] & 1) << 8 | p[11];
-    const int64_t raw = base * 300 + ext;
+    const int64_t raw = static_cast<int64_t>(pb::pcr(p));
     pid_state& s = m_pids[pid];
-    if (p[5] & 0x80) {
+    if (pb::discontinuity(p)) {
         if (s.nPcrs > 0) {
             ++s.segment;
             ++s.discontinuities;
@@ -237,7 +235,7 @@ void capture_analyzer::check_source(const uint8_t* p) {
     if (s.next < s.count) {
         note(printf_string("record %llu (PID %s) differs from source packet %zu",
                            (unsigned long long)record,
-                           pid_text(uint16_t((p[1] & 0x1f) << 8 | p[2])).c_str(), s.next));
+                           pid_text(pb::pid(p)).c_str(), s.next));
         ++s.next;  // taken as an altered copy of the packet expected here
     } else {
         note(printf_string("record %llu comes after the end of the source",

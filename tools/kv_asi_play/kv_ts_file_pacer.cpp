@@ -7,16 +7,16 @@
 #include <cstddef>
 #include <cstring>
 
+#include "mpegcore/TransportPacket.h"
+
 namespace kv_asi_play {
 
 namespace {
 
-constexpr uint8_t kSyncByte = 0x47;
-constexpr size_t kReadSize = 1 << 20;
+namespace pb = mpegcore::packet_bytes;
 
-int packet_pid(const uint8_t* p) {
-    return ((p[1] & 0x1F) << 8) | p[2];
-}
+constexpr uint8_t kSyncByte = mpegcore::TS_SYNC_BYTE;
+constexpr size_t kReadSize = 1 << 20;
 
 // A sync byte at p that is followed by sync bytes one and two packets on, as far as the
 // data goes: a lone 0x47 inside a payload is not taken for a packet start.
@@ -31,13 +31,6 @@ bool sync_confirmed(const uint8_t* p, size_t nAvail) {
 
 }  // namespace
 
-bool packet_pcr(const uint8_t* p, uint64_t& pcr, bool& bDiscontinuity) {
-    if (!read_pcr(p, pcr)) {
-        return false;
-    }
-    bDiscontinuity = (p[5] & 0x80) != 0;
-    return true;
-}
 
 ts_file_pacer::~ts_file_pacer() {
     if (m_pFile != nullptr) {
@@ -228,12 +221,10 @@ bool ts_file_pacer::close_interval() {
             m_nPendingOffset = nOffset;
             m_nPendingPass = m_nPass;
         }
-        uint64_t pcr = 0;
-        bool bDiscontinuity = false;
-        const int pid = packet_pid(p);
-        const bool bAnchor =
-            packet_pcr(p, pcr, bDiscontinuity) && (m_nPcrPid < 0 || pid == m_nPcrPid);
-        if (bAnchor) {
+        const int pid = pb::pid(p);
+        if (pb::has_pcr(p) && (m_nPcrPid < 0 || pid == m_nPcrPid)) {
+            const uint64_t pcr = pb::pcr(p);
+            const bool bDiscontinuity = pb::discontinuity(p);
             m_nPcrPid = pid;
             const bool bClose = !m_pending.empty();
             if (bClose) {

@@ -42,9 +42,6 @@ struct ts_chunk {
     uint32_t nPass = 0;         // 0 on the first pass through the file; never two in one chunk
 };
 
-// PCR fields of one packet; false when it carries none.
-bool packet_pcr(const uint8_t* p, uint64_t& pcr, bool& bDiscontinuity);
-
 class ts_file_pacer {
 public:
     // Packets per chunk at most: about 64 KiB, so that pacing stays smooth at high rates.

@@ -19,12 +19,6 @@ namespace kv_asi_play {
 // PCRs count 27 MHz ticks modulo 2^33 * 300.
 constexpr uint64_t kPcrModulus = (uint64_t(1) << 33) * 300;
 
-// The PCR of a packet in 27 MHz ticks, or false when it carries none.
-bool read_pcr(const uint8_t* packet, uint64_t& pcr);
-// Overwrites the PCR of a packet that carries one (taken modulo kPcrModulus); the
-// reserved bits stay as they were. A packet without a PCR is left alone.
-void write_pcr(uint8_t* packet, uint64_t pcr);
-
 class ts_loop_seam {
 public:
     // Forgets everything observed.

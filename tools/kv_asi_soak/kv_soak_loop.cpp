@@ -6,17 +6,11 @@
 #include <fstream>
 #include <iterator>
 
+#include "mpegcore/TransportPacket.h"
+
 namespace kv_asi_soak {
 
-using kv_asi_play::read_pcr;
-
-namespace {
-
-uint16_t pid_of(const uint8_t* p) {
-    return uint16_t(((p[1] & 0x1F) << 8) | p[2]);
-}
-
-}  // namespace
+namespace pb = mpegcore::packet_bytes;
 
 bool ts_loop::load(std::vector<uint8_t> bytes, std::string& error) {
     m_bytes = std::move(bytes);
@@ -29,7 +23,7 @@ bool ts_loop::load(std::vector<uint8_t> bytes, std::string& error) {
     m_seam.reset();
     for (size_t i = 0; i < n; ++i) {
         const uint8_t* p = &m_bytes[i * kPacketSize];
-        if (p[0] != 0x47) {
+        if (p[0] != mpegcore::TS_SYNC_BYTE) {
             error = "no sync byte at packet " + std::to_string(i);
             return false;
         }
@@ -86,15 +80,17 @@ bool probe_file_seconds(const std::string& path, double& seconds, std::string& e
     uint64_t first = 0, last = 0, iFirst = 0, iLast = 0;
     for (uint64_t i = 0; i < nWindow && !bFirst; ++i) {
         const uint8_t* p = &head[i * kPacketSize];
-        if (p[0] == 0x47 && read_pcr(p, first)) {
+        if (p[0] == mpegcore::TS_SYNC_BYTE && pb::has_pcr(p)) {
+            first = pb::pcr(p);
             bFirst = true;
-            pid = pid_of(p);
+            pid = pb::pid(p);
             iFirst = i;
         }
     }
     for (uint64_t i = nWindow; bFirst && i-- > 0 && !bLast;) {
         const uint8_t* p = &tail[i * kPacketSize];
-        if (p[0] == 0x47 && pid_of(p) == pid && read_pcr(p, last)) {
+        if (p[0] == mpegcore::TS_SYNC_BYTE && pb::pid(p) == pid && pb::has_pcr(p)) {
+            last = pb::pcr(p);
             bLast = true;
             iLast = nPackets - nWindow + i;
         }

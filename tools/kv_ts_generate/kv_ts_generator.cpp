@@ -14,6 +14,7 @@
 #include "mpegcore/PAT.h"
 #include "mpegcore/PMT.h"
 #include "mpegcore/SDT.h"
+#include "mpegcore/TransportPacket.h"
 #include "mpegcore/descriptors_dvb.h"
 #include "mpegcore/kvdescriptorlist.h"
 
@@ -51,16 +52,12 @@ void write_header(uint8_t* out, bool pusi, uint16_t pid, uint8_t afc, uint8_t cc
     out[3] = static_cast<uint8_t>((afc << 4) | (cc & 0x0F));
 }
 
-// The six PCR bytes: 33-bit base, 6 reserved bits (ones), 9-bit extension.
-void write_pcr_field(uint8_t* out, uint64_t pcr) {
-    const uint64_t base = pcr / 300;
-    const uint64_t ext = pcr % 300;
-    out[0] = static_cast<uint8_t>(base >> 25);
-    out[1] = static_cast<uint8_t>(base >> 17);
-    out[2] = static_cast<uint8_t>(base >> 9);
-    out[3] = static_cast<uint8_t>(base >> 1);
-    out[4] = static_cast<uint8_t>(((base & 1) << 7) | 0x7E | (ext >> 8));
-    out[5] = static_cast<uint8_t>(ext & 0xFF);
+// The flags byte with PCR_flag set and the six PCR bytes: 33-bit base, 6 reserved bits
+// (ones), 9-bit extension.
+void write_pcr_field(uint8_t* packet, uint64_t pcr) {
+    packet[5] = 0x10;  // PCR_flag
+    packet[10] = 0x7E;
+    mpegcore::packet_bytes::set_pcr(packet, pcr);
 }
 
 // Payload bytes of packet `index`: the index as 8 bytes big-endian, then a byte counter
@@ -355,16 +352,14 @@ void generator::write_pcr(uint8_t* out) {
         write_header(out, false, m_opt.es_pid, 3, m_ccEs);
         m_ccEs = (m_ccEs + 1) & 0x0F;
         out[4] = 7;
-        out[5] = 0x10;  // PCR_flag
-        write_pcr_field(out + 6, pcr);
+        write_pcr_field(out, pcr);
         write_pattern(out + 12, kPacketSize - 12, m_nIndex);
         ++m_nPayloadSent;
     } else {
         // Adaptation field only: the counter does not advance on such packets.
         write_header(out, false, m_opt.pcr_pid, 2, m_ccPcr);
         out[4] = 183;
-        out[5] = 0x10;
-        write_pcr_field(out + 6, pcr);
+        write_pcr_field(out, pcr);
         std::memset(out + 12, 0xFF, kPacketSize - 12);
     }
 }

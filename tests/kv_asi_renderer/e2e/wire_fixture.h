@@ -35,15 +35,8 @@ inline size_t unsent_tail_limit(const ts_stream& s) {
 // Rewrites the PCR of a packet that carries one, and its discontinuity indicator.
 inline void set_pcr(uint8_t* p, int64_t pcr, bool discontinuity) {
     const int64_t period = (int64_t(1) << 33) * 300;
-    pcr = ((pcr % period) + period) % period;
-    const int64_t base = pcr / 300, ext = pcr % 300;
     p[5] = uint8_t((p[5] & 0x7F) | (discontinuity ? 0x80 : 0));
-    p[6] = uint8_t(base >> 25);
-    p[7] = uint8_t(base >> 17);
-    p[8] = uint8_t(base >> 9);
-    p[9] = uint8_t(base >> 1);
-    p[10] = uint8_t((base & 1) << 7 | 0x7E | ext >> 8);
-    p[11] = uint8_t(ext);
+    kvtest::pb::set_pcr(p, uint64_t(((pcr % period) + period) % period));
 }
 
 // The stream with every PCR of its PCR PID from packet `from` on moved by shift_ns, the
@@ -56,7 +49,7 @@ inline ts_stream with_time_base_change(const ts_stream& s, size_t from, int64_t 
     for (size_t i : s.pcr_packets) {
         if (i >= from) {
             uint8_t* p = &out.bytes[i * 188];
-            set_pcr(p, kvtest::pcr_of(p) + shift_ns * 27 / 1000, flagged && first);
+            set_pcr(p, int64_t(kvtest::pb::pcr(p)) + shift_ns * 27 / 1000, flagged && first);
             first = false;
         }
     }
@@ -184,8 +177,8 @@ inline double mean_pcr_offset_ns(const std::vector<record>& recs, uint16_t pid) 
     double sum = 0;
     size_t n = 0;
     for (const record& r : recs) {
-        if (kvtest::pid_of(r.packet) == pid && kvtest::has_pcr(r.packet)) {
-            sum += double(kvtest::pcr_of(r.packet) - int64_t(r.word));
+        if (kvtest::pb::pid(r.packet) == pid && kvtest::pb::has_pcr(r.packet)) {
+            sum += double(int64_t(kvtest::pb::pcr(r.packet)) - int64_t(r.word));
             ++n;
         }
     }

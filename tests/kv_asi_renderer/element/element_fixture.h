@@ -28,6 +28,7 @@
 #include "kv_asi_renderer/kv_i_alarm_manager.h"
 #include "kv_ts_generator.h"
 #include "kv_vboard.h"
+#include "mpegcore/TransportPacket.h"
 
 namespace kvtest {
 
@@ -180,17 +181,7 @@ inline std::string stat(GstElement* el, const std::string& name) {
     return "<missing>";
 }
 
-inline uint16_t pid_of(const uint8_t* p) {
-    return static_cast<uint16_t>((p[1] & 0x1f) << 8 | p[2]);
-}
-inline bool has_pcr(const uint8_t* p) {
-    return (p[3] & 0x20) != 0 && p[4] >= 7 && (p[5] & 0x10) != 0;
-}
-inline int64_t pcr_of(const uint8_t* p) {
-    const int64_t base = int64_t(p[6]) << 25 | int64_t(p[7]) << 17 | int64_t(p[8]) << 9 |
-                         int64_t(p[9]) << 1 | int64_t(p[10] >> 7);
-    return base * 300 + (int64_t(p[10] & 1) << 8 | p[11]);
-}
+namespace pb = mpegcore::packet_bytes;
 
 // A stream with the time of each packet on its own clock from the PCRs of one PID: linear
 // between PCR packets by position, extended at both ends with the nearest interval.
@@ -203,7 +194,7 @@ struct ts_stream {
 
     size_t packets() const { return bytes.size() / 188; }
     const uint8_t* packet(size_t i) const { return &bytes[i * 188]; }
-    bool is_pcr(const uint8_t* p) const { return pid_of(p) == pcr_pid && has_pcr(p); }
+    bool is_pcr(const uint8_t* p) const { return pb::pid(p) == pcr_pid && pb::has_pcr(p); }
     // The last PCR packet before packet i (packets() when none).
     size_t pcr_before(size_t i) const {
         auto it = std::lower_bound(pcr_packets.begin(), pcr_packets.end(), i);
@@ -219,7 +210,7 @@ struct ts_stream {
         std::vector<double> pcrs;
         for (size_t i = 0; i < packets(); ++i) {
             if (is_pcr(packet(i))) {
-                double pcr = double(pcr_of(packet(i)));
+                double pcr = double(pb::pcr(packet(i)));
                 while (!pcrs.empty() && pcr < pcrs.back()) {
                     pcr += double(int64_t(1) << 33) * 300;  // the 27 MHz counter wrapped
                 }

@@ -117,6 +117,23 @@ TEST(TransportPacket, EveryFlagCombinationReadsBackExactly) {
         if (p.af.PCR_flag) {
             EXPECT_EQ(p.af.pcr(), 0x1FFFFFFFFll * 300 + 299);
         }
+        // The in-place accessors read the same fields, and a PCR written in place reads
+        // back without touching the reserved bits.
+        namespace pb = mpegcore::packet_bytes;
+        ASSERT_EQ(pb::pid(pkt.data()), p.PID);
+        ASSERT_EQ(pb::continuity_counter(pkt.data()), p.continuity_counter);
+        ASSERT_EQ(pb::has_payload(pkt.data()), p.has_payload());
+        ASSERT_EQ(pb::discontinuity(pkt.data()), p.af.discontinuity_indicator != 0);
+        ASSERT_EQ(pb::has_pcr(pkt.data()), p.af.PCR_flag != 0);
+        if (p.af.PCR_flag) {
+            ASSERT_EQ(int64_t(pb::pcr(pkt.data())), p.af.pcr());
+            std::vector<uint8_t> moved = pkt;
+            for (const uint64_t pcr : {0ull, 300 * 0x1FFFFFFFFull + 299, 12345678901ull}) {
+                pb::set_pcr(moved.data(), pcr);
+                ASSERT_EQ(pb::pcr(moved.data()), pcr);
+                ASSERT_EQ(moved[10] & 0x7E, pkt[10] & 0x7E);
+            }
+        }
     }
 }
 

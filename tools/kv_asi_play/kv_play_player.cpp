@@ -1,16 +1,13 @@
 #include "kv_play_player.h"
 
-#include <fcntl.h>
 #include <glib-unix.h>
 #include <gst/app/gstappsrc.h>
 #include <gst/gst.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <climits>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>

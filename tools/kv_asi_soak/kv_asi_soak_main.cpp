@@ -332,226 +332,259 @@ std::string csv_row(const lane& l, const element_sample& s, const process_sample
     return buf + csv_text(s.strLastError);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+// Everything one run holds: the pipelines, the host's alarm manager, the samples.
+struct soak_run {
     options o;
-    const int usage = parse_options(argc, argv, o);
-    if (usage >= 0) {
-        return usage;
-    }
-    gst_init(nullptr, nullptr);
+    bool bRenderer = true;
+    ts_loop loop;
+    double fileSeconds = 0;
+    double fileMbits = 0;
+    get_counters_fn board_counters = nullptr;
+    kv_asi_play::play_alarm_manager alarms;
+    std::vector<std::unique_ptr<lane>> lanes;
+    FILE* csv = nullptr;
+    std::vector<process_sample> process;
+    bool bFailed = false;
+    bool bPaused = false;
+};
+
+bool fail(const std::string& text) {
+    std::fprintf(stderr, "kv-asi-soak: %s\n", text.c_str());
+    return false;
+}
+
+// Loads the element, reads the file, builds the pipelines and opens the CSV file.
+bool prepare(soak_run& r) {
+    options& o = r.o;
     if (!o.strPlugin.empty()) {
         GError* err = nullptr;
         GstPlugin* plugin = gst_plugin_load_file(o.strPlugin.c_str(), &err);
         if (plugin == nullptr) {
-            std::fprintf(stderr, "kv-asi-soak: cannot load %s: %s\n", o.strPlugin.c_str(),
-                         err != nullptr ? err->message : "unknown error");
-            return 1;
+            return fail("cannot load " + o.strPlugin + ": " +
+                        (err != nullptr ? err->message : "unknown error"));
         }
         gst_object_unref(plugin);
     }
-    const bool bRenderer = o.strSink == "renderer";
-    if (bRenderer && gst_element_factory_find("kv_asi_renderer") == nullptr) {
-        std::fprintf(stderr,
-                     "kv-asi-soak: no kv_asi_renderer element (set GST_PLUGIN_PATH "
-                     "or give --plugin)\n");
-        return 1;
+    r.bRenderer = o.strSink == "renderer";
+    if (r.bRenderer && gst_element_factory_find("kv_asi_renderer") == nullptr) {
+        return fail("no kv_asi_renderer element (set GST_PLUGIN_PATH or give --plugin)");
     }
-
     // Looping plays the file from memory; played once it is read by filesrc and only its
     // head and tail are read here, for the stream time it holds.
-    ts_loop loop;
     std::string error;
-    double fileSeconds = 0;
-    if (o.bLoop ? !loop.load_file(o.strFile, error)
-                : !probe_file_seconds(o.strFile, fileSeconds, error)) {
-        std::fprintf(stderr, "kv-asi-soak: %s\n", error.c_str());
-        return 1;
+    if (o.bLoop ? !r.loop.load_file(o.strFile, error)
+                : !probe_file_seconds(o.strFile, r.fileSeconds, error)) {
+        return fail(error);
     }
     if (o.bLoop) {
-        fileSeconds = loop.pass_seconds();
+        r.fileSeconds = r.loop.pass_seconds();
     } else if (o.duration <= 0) {
-        o.duration = fileSeconds + o.nLatencyMs / 1000.0 + 10;  // a safety stop only
+        o.duration = r.fileSeconds + o.nLatencyMs / 1000.0 + 10;  // a safety stop only
     }
-    const double fileMbits =
-        double(std::ifstream(o.strFile, std::ios::binary | std::ios::ate).tellg()) * 8 /
-        fileSeconds / 1e6;
-
-    const auto board_counters =
+    r.fileMbits = double(std::ifstream(o.strFile, std::ios::binary | std::ios::ate).tellg()) * 8 /
+                  r.fileSeconds / 1e6;
+    r.board_counters =
         reinterpret_cast<get_counters_fn>(dlsym(RTLD_DEFAULT, "kv_vboard_get_counters"));
-
-    kv_asi_play::play_alarm_manager alarms;
-    std::vector<std::unique_ptr<lane>> lanes;
     for (int i = 0; i < o.nElements; ++i) {
         auto l = std::make_unique<lane>();
         l->index = i;
         l->strNode =
-            bRenderer ? node_name(o.strNodePattern, i) : "udp:" + std::to_string(o.nUdpPort + i);
+            r.bRenderer ? node_name(o.strNodePattern, i) : "udp:" + std::to_string(o.nUdpPort + i);
         l->strSource = "soak" + std::to_string(i);
-        if (!build_lane(o, loop, alarms, *l)) {
-            return 1;
+        if (!build_lane(o, r.loop, r.alarms, *l)) {
+            return false;
         }
-        lanes.push_back(std::move(l));
+        r.lanes.push_back(std::move(l));
     }
-
-    FILE* csv = nullptr;
     if (!o.strCsv.empty()) {
-        csv = std::fopen(o.strCsv.c_str(), "w");
-        if (csv == nullptr) {
-            std::fprintf(stderr, "kv-asi-soak: cannot write %s\n", o.strCsv.c_str());
-            return 1;
+        r.csv = std::fopen(o.strCsv.c_str(), "w");
+        if (r.csv == nullptr) {
+            return fail("cannot write " + o.strCsv);
         }
-        std::fprintf(csv, "%s\n", kHeader);
+        std::fprintf(r.csv, "%s\n", kHeader);
     }
+    return true;
+}
 
-    std::signal(SIGINT, on_signal);
-    std::signal(SIGTERM, on_signal);
-
-    std::printf(
-        "kv-asi-soak: %d x %s, %s, %s, pll %s, latency %u ms, %s, stream %.3f s per "
-        "pass at %.3f Mbit/s, board %s\n",
-        o.nElements, bRenderer ? "kv_asi_renderer" : "udpsink", o.strFile.c_str(),
-        o.bLoop ? "looping" : "once", o.bPll ? "on" : "off", o.nLatencyMs,
-        o.bLoop ? (std::to_string(int(o.duration)) + " s").c_str() : "to the end", fileSeconds,
-        fileMbits, board_counters != nullptr ? "preloaded" : "not present");
-    std::printf("%s\n", kHeader);
-    std::fflush(stdout);
-
-    const double cpuStart = cpu_seconds();
-    for (auto& l : lanes) {
-        if (gst_element_set_state(l->pipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
-            std::fprintf(stderr, "kv-asi-soak: pipeline %d does not start (%s)\n", l->index,
-                         l->strNode.c_str());
-            for (auto& m : lanes) {
-                gst_element_set_state(m->pipeline, GST_STATE_NULL);
+// Errors end the run; end-of-stream reaches the bus from udpsink at once and from the
+// renderer once it has played everything; the pad probe sees it arrive.
+void poll_buses(soak_run& r) {
+    for (auto& l : r.lanes) {
+        GstBus* bus = gst_element_get_bus(l->pipeline);
+        while (GstMessage* m = gst_bus_pop_filtered(
+                   bus, GstMessageType(GST_MESSAGE_ERROR | GST_MESSAGE_EOS))) {
+            if (GST_MESSAGE_TYPE(m) == GST_MESSAGE_ERROR) {
+                GError* err = nullptr;
+                gst_message_parse_error(m, &err, nullptr);
+                fail("pipeline " + std::to_string(l->index) + ": " +
+                     (err != nullptr ? err->message : "error"));
+                g_clear_error(&err);
+                r.bFailed = true;
+            } else {
+                l->bEos.store(true);
             }
-            return 1;
+            gst_message_unref(m);
         }
+        gst_object_unref(bus);
     }
+}
 
+// The pause: every pipeline to PAUSED and back, sampled on throughout.
+void apply_pause(soak_run& r, double t) {
+    const bool bPauseDue = r.o.pauseAt > 0 && t >= r.o.pauseAt && t < r.o.pauseAt + r.o.pauseFor;
+    if (bPauseDue == r.bPaused) {
+        return;
+    }
+    r.bPaused = bPauseDue;
+    std::printf("kv-asi-soak: %s at %.1f s\n", r.bPaused ? "paused" : "resumed", t);
+    for (auto& l : r.lanes) {
+        gst_element_set_state(l->pipeline, r.bPaused ? GST_STATE_PAUSED : GST_STATE_PLAYING);
+    }
+}
+
+// One sample of the process and of every element, written as rows. Returns whether every
+// input has ended (`bAllEos`) and every FIFO has drained.
+bool sample(soak_run& r, double t, bool bPrint, bool& bAllEos) {
+    process_sample p;
+    p.t = t;
+    p.nRssKiB = rss_kib();
+    p.cpuSeconds = cpu_seconds();
+    r.process.push_back(p);
+    bAllEos = true;
+    bool bAllDrained = true;
+    for (auto& l : r.lanes) {
+        element_sample s;
+        if (l->pStats != nullptr) {
+            s = read_rows(l->pStats->get_items());
+            s.nUnderflowAlarms = r.alarms.count(l->strSource, eAlarmRemuxerOutputUnderflow);
+            s.nOverflowAlarms = r.alarms.count(l->strSource, eAlarmRemuxerOutputOverflow);
+        }
+        s.t = t;
+        if (r.board_counters != nullptr) {
+            l->bBoard = r.board_counters(l->strNode.c_str(), &l->board) == 0;
+        }
+        l->samples.push_back(s);
+        const std::string row = csv_row(*l, s, p);
+        if (r.csv != nullptr) {
+            std::fprintf(r.csv, "%s\n", row.c_str());
+        }
+        if (bPrint) {
+            std::printf("%s\n", row.c_str());
+        }
+        if (l->bEos.load() && l->tEos < 0) {
+            l->tEos = t;
+        }
+        bAllEos = bAllEos && l->bEos.load();
+        // Drained: under two frames of stream left (the packets after the last PCR never
+        // leave).
+        bAllDrained = bAllDrained && (!r.bRenderer || (s.tFifo >= 0 && s.tFifo < 400000));
+    }
+    if (r.csv != nullptr) {
+        std::fflush(r.csv);
+    }
+    std::fflush(stdout);
+    return bAllDrained;
+}
+
+// Samples once per interval until the duration, a failure, Ctrl-C or, for a file played
+// once, its end. Returns the run's length in seconds.
+double sample_until_done(soak_run& r) {
     using clock = std::chrono::steady_clock;
     const auto t0 = clock::now();
-    std::vector<process_sample> process;
-    bool bFailed = false;
     double lastPrint = -1e9;
     double tAllEos = -1;
-    bool bPaused = false;
     for (int tick = 1; !g_bStop.load(); ++tick) {
         std::this_thread::sleep_until(t0 + std::chrono::duration_cast<clock::duration>(
-                                               std::chrono::duration<double>(tick * o.interval)));
+                                               std::chrono::duration<double>(tick * r.o.interval)));
         const double t = std::chrono::duration<double>(clock::now() - t0).count();
-        // Errors end the run; end-of-stream reaches the bus from udpsink at once and from
-        // the renderer once it has played everything; the pad probe sees it arrive.
-        for (auto& l : lanes) {
-            GstBus* bus = gst_element_get_bus(l->pipeline);
-            while (GstMessage* m = gst_bus_pop_filtered(
-                       bus, GstMessageType(GST_MESSAGE_ERROR | GST_MESSAGE_EOS))) {
-                if (GST_MESSAGE_TYPE(m) == GST_MESSAGE_ERROR) {
-                    GError* err = nullptr;
-                    gst_message_parse_error(m, &err, nullptr);
-                    std::fprintf(stderr, "kv-asi-soak: pipeline %d: %s\n", l->index,
-                                 err != nullptr ? err->message : "error");
-                    if (err != nullptr)
-                        g_error_free(err);
-                    bFailed = true;
-                } else {
-                    l->bEos.store(true);
-                }
-                gst_message_unref(m);
-            }
-            gst_object_unref(bus);
-        }
-
-        // The pause: every pipeline to PAUSED and back, sampled on throughout.
-        const bool bPauseDue = o.pauseAt > 0 && t >= o.pauseAt && t < o.pauseAt + o.pauseFor;
-        if (bPauseDue != bPaused) {
-            bPaused = bPauseDue;
-            std::printf("kv-asi-soak: %s at %.1f s\n", bPaused ? "paused" : "resumed", t);
-            for (auto& l : lanes) {
-                gst_element_set_state(l->pipeline, bPaused ? GST_STATE_PAUSED : GST_STATE_PLAYING);
-            }
-        }
-
-        process_sample p;
-        p.t = t;
-        p.nRssKiB = rss_kib();
-        p.cpuSeconds = cpu_seconds();
-        process.push_back(p);
-        bool bPrint = t - lastPrint >= o.printEvery - 1e-6;
+        poll_buses(r);
+        apply_pause(r, t);
+        const bool bPrint = t - lastPrint >= r.o.printEvery - 1e-6;
         if (bPrint) {
             lastPrint = t;
         }
-        bool bAllEos = true;
-        bool bAllDrained = true;
-        for (auto& l : lanes) {
-            element_sample s;
-            if (l->pStats != nullptr) {
-                s = read_rows(l->pStats->get_items());
-                s.nUnderflowAlarms = alarms.count(l->strSource, eAlarmRemuxerOutputUnderflow);
-                s.nOverflowAlarms = alarms.count(l->strSource, eAlarmRemuxerOutputOverflow);
-            }
-            s.t = t;
-            if (board_counters != nullptr) {
-                l->bBoard = board_counters(l->strNode.c_str(), &l->board) == 0;
-            }
-            l->samples.push_back(s);
-            const std::string row = csv_row(*l, s, p);
-            if (csv != nullptr) {
-                std::fprintf(csv, "%s\n", row.c_str());
-            }
-            if (bPrint) {
-                std::printf("%s\n", row.c_str());
-            }
-            if (l->bEos.load() && l->tEos < 0) {
-                l->tEos = t;
-            }
-            bAllEos = bAllEos && l->bEos.load();
-            // Drained: under two frames of stream left (the packets after the last PCR
-            // never leave).
-            bAllDrained = bAllDrained && (!bRenderer || (s.tFifo >= 0 && s.tFifo < 400000));
-        }
-        if (csv != nullptr) {
-            std::fflush(csv);
-        }
-        std::fflush(stdout);
-        if (bFailed || t >= o.duration) {
+        bool bAllEos = false;
+        const bool bAllDrained = sample(r, t, bPrint, bAllEos);
+        if (r.bFailed || t >= r.o.duration) {
             break;
         }
-        if (!o.bLoop && bAllEos) {
+        if (!r.o.bLoop && bAllEos) {
             if (tAllEos < 0) {
                 tAllEos = t;
             }
             // Once every file has been read, stop when the FIFOs have drained, or after
             // the latency and a margin when they never do.
-            if (bAllDrained || t - tAllEos > o.nLatencyMs / 1000.0 + 3) {
+            if (bAllDrained || t - tAllEos > r.o.nLatencyMs / 1000.0 + 3) {
                 break;
             }
         }
     }
-    const double tEnd = std::chrono::duration<double>(clock::now() - t0).count();
-    for (auto& l : lanes) {
-        gst_element_set_state(l->pipeline, GST_STATE_NULL);
-    }
-    const double cpu = cpu_seconds() - cpuStart;
-    for (auto& l : lanes) {
-        gst_object_unref(l->sink);
-        gst_object_unref(l->pipeline);
-    }
-    if (csv != nullptr) {
-        std::fclose(csv);
-    }
+    return std::chrono::duration<double>(clock::now() - t0).count();
+}
 
+// The summary of one element; its FIFO summary goes to `fifos` for the verdict.
+void report_lane(const lane& l, const options& o, std::vector<fifo_summary>& fifos) {
+    // A file played once drains at its end: only what came before is judged.
+    std::vector<element_sample> judged;
+    for (const auto& s : l.samples) {
+        if (l.tEos < 0 || s.t < l.tEos) {
+            judged.push_back(s);
+        }
+    }
+    const fifo_summary f = summarize_fifo(judged.empty() ? l.samples : judged);
+    fifos.push_back(f);
+    const element_sample& last = l.samples.back();
+    std::printf(
+        "element %d (%s): fifo start %.1f ms, end %.1f ms, range %.1f..%.1f ms, "
+        "second half %.1f..%.1f ms, drift %+.2f us/s (%+.1f ms over the second "
+        "half)\n",
+        l.index, l.strNode.c_str(), f.startMs, f.endMs, f.minMs, f.maxMs, f.minHalfMs,
+        f.maxHalfMs, f.driftUsPerS, f.driftHalfMs);
+    std::printf(
+        "  counters: skip hw frames %llu, skip ts packets %llu (%llu in the second "
+        "half), resets %llu (%llu in the second half), underflow alarms %u, "
+        "overflow alarms %u, unreadable samples %zu\n",
+        static_cast<unsigned long long>(last.nSkipFrames),
+        static_cast<unsigned long long>(last.nSkipPackets),
+        static_cast<unsigned long long>(f.skipPacketsHalf),
+        static_cast<unsigned long long>(last.nResets), static_cast<unsigned long long>(f.resetsHalf),
+        last.nUnderflowAlarms, last.nOverflowAlarms, f.unreadable);
+    if (l.bBoard) {
+        std::printf(
+            "  board: frames sent %llu, idle frames %llu, packets %llu, partial "
+            "bytes %llu, word violations %llu\n",
+            static_cast<unsigned long long>(l.board.frames_sent),
+            static_cast<unsigned long long>(l.board.idle_frames),
+            static_cast<unsigned long long>(l.board.packets),
+            static_cast<unsigned long long>(l.board.bytes_partial),
+            static_cast<unsigned long long>(l.board.word_violations));
+    }
+    if (!last.strLastError.empty()) {
+        std::printf("  last error: %s\n", last.strLastError.c_str());
+    }
+    print_depth(l.samples, o);
+    std::printf(
+        "result: element=%d fifo_end_ms=%.1f fifo_min_half_ms=%.1f "
+        "fifo_max_half_ms=%.1f drift_us_per_s=%+.2f drift_half_ms=%+.1f resets=%llu "
+        "skip_packets=%llu\n",
+        l.index, f.endMs, f.minHalfMs, f.maxHalfMs, f.driftUsPerS, f.driftHalfMs,
+        static_cast<unsigned long long>(last.nResets),
+        static_cast<unsigned long long>(last.nSkipPackets));
+}
+
+// The summary of the run and the verdict; returns the exit status.
+int report(const soak_run& r, double tEnd, double cpu) {
+    const options& o = r.o;
     // Stream played: the run's length when looping (the input is paced in real time),
     // else the file once per element.
-    const double streamSeconds = o.bLoop ? tEnd : fileSeconds;
+    const double streamSeconds = o.bLoop ? tEnd : r.fileSeconds;
     std::printf("\nsummary: %d element(s), %.1f s run, %.1f s of stream each\n", o.nElements, tEnd,
                 streamSeconds);
     std::printf(
         "cpu: %.2f s (user+sys, start to stop), %.4f s per stream-second per element, "
         "%.4f s per second of run\n",
         cpu, cpu / (streamSeconds * o.nElements), cpu / tEnd);
-    const memory_summary mem = summarize_memory(process);
+    const memory_summary mem = summarize_memory(r.process);
     std::printf(
         "rss: start %llu KiB, middle %llu KiB, end %llu KiB, max %llu KiB; second half "
         "%+lld KiB (%+.1f KiB/min)\n",
@@ -559,57 +592,10 @@ int main(int argc, char** argv) {
         static_cast<unsigned long long>(mem.endKiB), static_cast<unsigned long long>(mem.maxKiB),
         static_cast<long long>(mem.growthHalfKiB), mem.slopeHalfKiBPerMin);
     std::vector<fifo_summary> fifos;
-    for (auto& l : lanes) {
-        if (!bRenderer || l->samples.empty()) {
-            continue;
+    for (const auto& l : r.lanes) {
+        if (r.bRenderer && !l->samples.empty()) {
+            report_lane(*l, o, fifos);
         }
-        // A file played once drains at its end: only what came before is judged.
-        std::vector<element_sample> judged;
-        for (const auto& s : l->samples) {
-            if (l->tEos < 0 || s.t < l->tEos) {
-                judged.push_back(s);
-            }
-        }
-        const fifo_summary f = summarize_fifo(judged.empty() ? l->samples : judged);
-        fifos.push_back(f);
-        const element_sample& last = l->samples.back();
-        std::printf(
-            "element %d (%s): fifo start %.1f ms, end %.1f ms, range %.1f..%.1f ms, "
-            "second half %.1f..%.1f ms, drift %+.2f us/s (%+.1f ms over the second "
-            "half)\n",
-            l->index, l->strNode.c_str(), f.startMs, f.endMs, f.minMs, f.maxMs, f.minHalfMs,
-            f.maxHalfMs, f.driftUsPerS, f.driftHalfMs);
-        std::printf(
-            "  counters: skip hw frames %llu, skip ts packets %llu (%llu in the second "
-            "half), resets %llu (%llu in the second half), underflow alarms %u, "
-            "overflow alarms %u, unreadable samples %zu\n",
-            static_cast<unsigned long long>(last.nSkipFrames),
-            static_cast<unsigned long long>(last.nSkipPackets),
-            static_cast<unsigned long long>(f.skipPacketsHalf),
-            static_cast<unsigned long long>(last.nResets),
-            static_cast<unsigned long long>(f.resetsHalf), last.nUnderflowAlarms,
-            last.nOverflowAlarms, f.unreadable);
-        if (l->bBoard) {
-            std::printf(
-                "  board: frames sent %llu, idle frames %llu, packets %llu, partial "
-                "bytes %llu, word violations %llu\n",
-                static_cast<unsigned long long>(l->board.frames_sent),
-                static_cast<unsigned long long>(l->board.idle_frames),
-                static_cast<unsigned long long>(l->board.packets),
-                static_cast<unsigned long long>(l->board.bytes_partial),
-                static_cast<unsigned long long>(l->board.word_violations));
-        }
-        if (!last.strLastError.empty()) {
-            std::printf("  last error: %s\n", last.strLastError.c_str());
-        }
-        print_depth(l->samples, o);
-        std::printf(
-            "result: element=%d fifo_end_ms=%.1f fifo_min_half_ms=%.1f "
-            "fifo_max_half_ms=%.1f drift_us_per_s=%+.2f drift_half_ms=%+.1f resets=%llu "
-            "skip_packets=%llu\n",
-            l->index, f.endMs, f.minHalfMs, f.maxHalfMs, f.driftUsPerS, f.driftHalfMs,
-            static_cast<unsigned long long>(last.nResets),
-            static_cast<unsigned long long>(last.nSkipPackets));
     }
     std::printf(
         "result: process rss_start_kib=%llu rss_end_kib=%llu rss_growth_half_kib=%lld "
@@ -620,10 +606,62 @@ int main(int argc, char** argv) {
     for (const auto& f : failures) {
         std::printf("FAIL: %s\n", f.c_str());
     }
-    if (bFailed) {
+    if (r.bFailed) {
         std::printf("FAIL: a pipeline reported an error\n");
     }
-    const bool bPass = failures.empty() && !bFailed;
+    const bool bPass = failures.empty() && !r.bFailed;
     std::printf("verdict: %s\n", bPass ? "PASS" : "FAIL");
     return bPass ? 0 : 1;
+}
+
+void stop_all(soak_run& r) {
+    for (auto& l : r.lanes) {
+        gst_element_set_state(l->pipeline, GST_STATE_NULL);
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    soak_run r;
+    const int usage = parse_options(argc, argv, r.o);
+    if (usage >= 0) {
+        return usage;
+    }
+    gst_init(nullptr, nullptr);
+    if (!prepare(r)) {
+        return 1;
+    }
+    std::signal(SIGINT, on_signal);
+    std::signal(SIGTERM, on_signal);
+    const options& o = r.o;
+    std::printf(
+        "kv-asi-soak: %d x %s, %s, %s, pll %s, latency %u ms, %s, stream %.3f s per "
+        "pass at %.3f Mbit/s, board %s\n",
+        o.nElements, r.bRenderer ? "kv_asi_renderer" : "udpsink", o.strFile.c_str(),
+        o.bLoop ? "looping" : "once", o.bPll ? "on" : "off", o.nLatencyMs,
+        o.bLoop ? (std::to_string(int(o.duration)) + " s").c_str() : "to the end", r.fileSeconds,
+        r.fileMbits, r.board_counters != nullptr ? "preloaded" : "not present");
+    std::printf("%s\n", kHeader);
+    std::fflush(stdout);
+
+    const double cpuStart = cpu_seconds();
+    for (auto& l : r.lanes) {
+        if (gst_element_set_state(l->pipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
+            fail("pipeline " + std::to_string(l->index) + " does not start (" + l->strNode + ")");
+            stop_all(r);
+            return 1;
+        }
+    }
+    const double tEnd = sample_until_done(r);
+    stop_all(r);
+    const double cpu = cpu_seconds() - cpuStart;
+    for (auto& l : r.lanes) {
+        gst_object_unref(l->sink);
+        gst_object_unref(l->pipeline);
+    }
+    if (r.csv != nullptr) {
+        std::fclose(r.csv);
+    }
+    return report(r, tEnd, cpu);
 }

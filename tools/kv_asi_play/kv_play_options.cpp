@@ -14,6 +14,14 @@ namespace kv_asi_play {
 
 namespace {
 
+// "GStreamer 1.22.0", for --version.
+std::string gst_version_detail() {
+    gchar* text = gst_version_string();
+    const std::string detail(text);
+    g_free(text);
+    return detail;
+}
+
 bool parse_uint(const char* text, unsigned long long nMax, guint& value) {
     char* end = nullptr;
     errno = 0;
@@ -100,7 +108,7 @@ int parse_options(int argc, char** argv, options& o) {
         .text("iface", 0, "NAME", "Network interface that joins a multicast source", o.strIface)
         .text("plugin", 0, "FILE", "The element's plugin module (libkv_asi_renderer.so)",
               o.strPlugin)
-        .version_detail(std::string(gst_version_string()))
+        .version_detail(gst_version_detail())
         .group(gst_init_get_option_group());
     std::vector<std::string> sources;
     const int usage = cli.parse(kv_cli::arguments(argc, argv), sources);

@@ -178,8 +178,8 @@ TEST(AsiAnalyze, CommandLineResultsAndBadFiles) {
     EXPECT_NE(out.find("EXCEEDS"), std::string::npos) << out;
     EXPECT_EQ(kv_asi_analyze::run({good, "--max-pcr-ac", "500"}, out, err), 1);
     EXPECT_EQ(kv_asi_analyze::run({"--json", good, "--max-pcr-ac", "2000"}, out, err), 0);
-    EXPECT_NE(out.find("\"packets\": 400"), std::string::npos) << out;
-    EXPECT_NE(out.find("\"pcr_ac_ok\": true"), std::string::npos) << out;
+    EXPECT_NE(out.find("\"packets\":400"), std::string::npos) << out;
+    EXPECT_NE(out.find("\"pcr_ac_ok\":true"), std::string::npos) << out;
     // Ten frames, all of this capture, left out on request.
     EXPECT_EQ(kv_asi_analyze::run({good, "--max-pcr-ac", "500", "--start-up", "10"}, out, err), 0);
     EXPECT_NE(out.find("its 80 PCRs left out"), std::string::npos) << out;

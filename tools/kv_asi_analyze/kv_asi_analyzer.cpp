@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <nlohmann/json.hpp>
 
 #include "kv_cli.h"
 #include "mpegcore/TransportPacket.h"
@@ -503,83 +504,48 @@ std::string format_text(const report& r, double max_pcr_ac_ns) {
     return s;
 }
 
-namespace {
-
-std::string json_string(const std::string& v) {
-    std::string s = "\"";
-    for (char c : v) {
-        if (c == '"' || c == '\\') {
-            s += '\\';
-            s += c;
-        } else if (uint8_t(c) < 0x20) {
-            s += printf_string("\\u%04x", unsigned(uint8_t(c)));
-        } else {
-            s += c;
-        }
-    }
-    return s + "\"";
-}
-
-std::string json_number(double v) {
-    return std::isfinite(v) ? printf_string("%.6g", v) : "null";
-}
-
-}  // namespace
-
 std::string format_json(const report& r, double max_pcr_ac_ns) {
-    std::string s = "{";
-    s += printf_string("\"packets\": %llu, ", (unsigned long long)r.packets);
-    s += "\"duration_s\": " + json_number(r.duration_s) + ", ";
-    s += "\"bitrate_bps\": " + json_number(r.bitrate_bps) + ", ";
-    s += "\"idle_share\": " + json_number(r.idle_share) + ", ";
-    s += "\"cc_errors\": {";
-    const char* sep = "";
+    using json = nlohmann::ordered_json;
+    // Values that are not finite (nothing measured) are null.
+    const auto number = [](double v) { return std::isfinite(v) ? json(v) : json(nullptr); };
+    json cc = json::object();
     for (const auto& e : r.cc_errors) {
-        s += printf_string("%s\"%u\": %llu", sep, unsigned(e.first), (unsigned long long)e.second);
-        sep = ", ";
+        cc[std::to_string(e.first)] = e.second;
     }
-    s += "}, \"pcr\": [";
-    sep = "";
+    json pcrs = json::array();
     for (const pcr_report& p : r.pcr) {
-        s += sep;
-        s += printf_string(
-            "{\"pid\": %u, \"pcrs\": %llu, \"start_up_pcrs\": %llu, \"discontinuities\": %u, ",
-            unsigned(p.pid), (unsigned long long)p.pcrs, (unsigned long long)p.start_up_pcrs,
-            p.discontinuities);
-        s += "\"max_interval_ms\": " + json_number(p.max_interval_ms) + ", ";
-        s += "\"offset_max_ns\": " + json_number(p.offset_max_ns) + ", ";
-        s += "\"offset_rms_ns\": " + json_number(p.offset_rms_ns) + ", ";
-        s += "\"drift_max_ns\": " + json_number(p.drift_max_ns) + ", ";
-        s += "\"drift_rms_ns\": " + json_number(p.drift_rms_ns) + ", ";
-        s += "\"drift_ppm\": " + json_number(p.drift_ppm) + ", ";
-        s += std::string("\"within_500ns\": ") +
-             (p.drift_max_ns <= kPcrAccuracyLimitNs ? "true" : "false") + "}";
-        sep = ", ";
+        pcrs.push_back({{"pid", p.pid},
+                        {"pcrs", p.pcrs},
+                        {"start_up_pcrs", p.start_up_pcrs},
+                        {"discontinuities", p.discontinuities},
+                        {"max_interval_ms", number(p.max_interval_ms)},
+                        {"offset_max_ns", number(p.offset_max_ns)},
+                        {"offset_rms_ns", number(p.offset_rms_ns)},
+                        {"drift_max_ns", number(p.drift_max_ns)},
+                        {"drift_rms_ns", number(p.drift_rms_ns)},
+                        {"drift_ppm", number(p.drift_ppm)},
+                        {"within_500ns", p.drift_max_ns <= kPcrAccuracyLimitNs}});
     }
-    s += "], \"source\": ";
+    json source = nullptr;
     if (r.source.checked) {
         const source_report& c = r.source;
-        s += printf_string(
-            "{\"source_packets\": %llu, \"matched\": %llu, \"missing\": %llu, \"repeated\": %llu, "
-            "\"altered\": %llu, \"unsent_head\": %llu, \"unsent_tail\": %llu, \"details\": [",
-            (unsigned long long)c.source_packets, (unsigned long long)c.matched,
-            (unsigned long long)c.missing, (unsigned long long)c.repeated,
-            (unsigned long long)c.altered, (unsigned long long)c.unsent_head,
-            (unsigned long long)c.unsent_tail);
-        sep = "";
-        for (const std::string& d : c.details) {
-            s += sep + json_string(d);
-            sep = ", ";
-        }
-        s += "]}";
-    } else {
-        s += "null";
+        source = {{"source_packets", c.source_packets}, {"matched", c.matched},
+                  {"missing", c.missing},               {"repeated", c.repeated},
+                  {"altered", c.altered},               {"unsent_head", c.unsent_head},
+                  {"unsent_tail", c.unsent_tail},       {"details", c.details}};
     }
+    json j = {{"packets", r.packets},
+              {"duration_s", number(r.duration_s)},
+              {"bitrate_bps", number(r.bitrate_bps)},
+              {"idle_share", number(r.idle_share)},
+              {"cc_errors", std::move(cc)},
+              {"pcr", std::move(pcrs)},
+              {"source", std::move(source)}};
     if (max_pcr_ac_ns >= 0) {
-        s += ", \"max_pcr_ac_ns\": " + json_number(max_pcr_ac_ns);
-        s += std::string(", \"pcr_ac_ok\": ") + (r.pcr_within(max_pcr_ac_ns) ? "true" : "false");
+        j["max_pcr_ac_ns"] = max_pcr_ac_ns;
+        j["pcr_ac_ok"] = r.pcr_within(max_pcr_ac_ns);
     }
-    return s + "}\n";
+    return j.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
 }
 
 // -------------------------------------------------------------------------------------

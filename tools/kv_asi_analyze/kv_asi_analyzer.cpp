@@ -244,6 +244,62 @@ void capture_analyzer::check_source(const uint8_t* p) {
     }
 }
 
+// The PCRs of one PID against the line's clock: each segment between discontinuities
+// gets its own offset and drift.
+pcr_report capture_analyzer::pcr_accuracy(uint16_t pid, const pid_state& s) {
+    pcr_report pr;
+    pr.pid = pid;
+    pr.pcrs = s.nPcrs;
+    pr.start_up_pcrs = s.startUpPcrs;
+    pr.max_interval_ms = double(s.maxIntervalWords) / kWordsPerSecond * 1e3;
+    pr.discontinuities = s.discontinuities;
+    double sumOffset2 = 0, sumDrift2 = 0, weightedSlope = 0;
+    double slopeWeight = 0;
+    size_t begin = 0;
+    while (begin < s.pcrs.size()) {
+        size_t end = begin;
+        while (end < s.pcrs.size() && s.pcrs[end].segment == s.pcrs[begin].segment) {
+            ++end;
+        }
+        const size_t n = end - begin;
+        const uint64_t t0 = s.pcrs[begin].t;
+        const int64_t e0 = s.pcrs[begin].pcr - int64_t(t0);
+        double sx = 0, sy = 0, sxx = 0, sxy = 0;
+        for (size_t i = begin; i < end; ++i) {
+            const double x = double(s.pcrs[i].t - t0);
+            const double y = double(s.pcrs[i].pcr - int64_t(s.pcrs[i].t) - e0);
+            sx += x;
+            sy += y;
+            sxx += x * x;
+            sxy += x * y;
+        }
+        const double mean = sy / double(n);
+        const double den = double(n) * sxx - sx * sx;
+        const double slope = (n > 1 && den > 0) ? (double(n) * sxy - sx * sy) / den : 0.0;
+        const double intercept = (sy - slope * sx) / double(n);
+        for (size_t i = begin; i < end; ++i) {
+            const double x = double(s.pcrs[i].t - t0);
+            const double y = double(s.pcrs[i].pcr - int64_t(s.pcrs[i].t) - e0);
+            const double ro = words_to_ns(y - mean);
+            const double rd = words_to_ns(y - intercept - slope * x);
+            pr.offset_max_ns = std::max(pr.offset_max_ns, std::fabs(ro));
+            pr.drift_max_ns = std::max(pr.drift_max_ns, std::fabs(rd));
+            sumOffset2 += ro * ro;
+            sumDrift2 += rd * rd;
+        }
+        if (n > 1) {
+            weightedSlope += slope * double(n);
+            slopeWeight += double(n);
+        }
+        begin = end;
+    }
+    const double fitted = double(std::max<size_t>(s.pcrs.size(), 1));
+    pr.offset_rms_ns = std::sqrt(sumOffset2 / fitted);
+    pr.drift_rms_ns = std::sqrt(sumDrift2 / fitted);
+    pr.drift_ppm = slopeWeight > 0 ? weightedSlope / slopeWeight * 1e6 : 0.0;
+    return pr;
+}
+
 report capture_analyzer::finish() {
     report r;
     r.packets = m_nPackets;
@@ -264,58 +320,7 @@ report capture_analyzer::finish() {
         if (s.nPcrs == 0) {
             continue;
         }
-        pcr_report pr;
-        pr.pid = entry.first;
-        pr.pcrs = s.nPcrs;
-        pr.start_up_pcrs = s.startUpPcrs;
-        pr.max_interval_ms = double(s.maxIntervalWords) / kWordsPerSecond * 1e3;
-        pr.discontinuities = s.discontinuities;
-        // Each segment between discontinuities gets its own offset and drift.
-        double sumOffset2 = 0, sumDrift2 = 0, weightedSlope = 0;
-        double slopeWeight = 0;
-        size_t begin = 0;
-        while (begin < s.pcrs.size()) {
-            size_t end = begin;
-            while (end < s.pcrs.size() && s.pcrs[end].segment == s.pcrs[begin].segment) {
-                ++end;
-            }
-            const size_t n = end - begin;
-            const uint64_t t0 = s.pcrs[begin].t;
-            const int64_t e0 = s.pcrs[begin].pcr - int64_t(t0);
-            double sx = 0, sy = 0, sxx = 0, sxy = 0;
-            for (size_t i = begin; i < end; ++i) {
-                const double x = double(s.pcrs[i].t - t0);
-                const double y = double(s.pcrs[i].pcr - int64_t(s.pcrs[i].t) - e0);
-                sx += x;
-                sy += y;
-                sxx += x * x;
-                sxy += x * y;
-            }
-            const double mean = sy / double(n);
-            const double den = double(n) * sxx - sx * sx;
-            const double slope = (n > 1 && den > 0) ? (double(n) * sxy - sx * sy) / den : 0.0;
-            const double intercept = (sy - slope * sx) / double(n);
-            for (size_t i = begin; i < end; ++i) {
-                const double x = double(s.pcrs[i].t - t0);
-                const double y = double(s.pcrs[i].pcr - int64_t(s.pcrs[i].t) - e0);
-                const double ro = words_to_ns(y - mean);
-                const double rd = words_to_ns(y - intercept - slope * x);
-                pr.offset_max_ns = std::max(pr.offset_max_ns, std::fabs(ro));
-                pr.drift_max_ns = std::max(pr.drift_max_ns, std::fabs(rd));
-                sumOffset2 += ro * ro;
-                sumDrift2 += rd * rd;
-            }
-            if (n > 1) {
-                weightedSlope += slope * double(n);
-                slopeWeight += double(n);
-            }
-            begin = end;
-        }
-        const double fitted = double(std::max<size_t>(s.pcrs.size(), 1));
-        pr.offset_rms_ns = std::sqrt(sumOffset2 / fitted);
-        pr.drift_rms_ns = std::sqrt(sumDrift2 / fitted);
-        pr.drift_ppm = slopeWeight > 0 ? weightedSlope / slopeWeight * 1e6 : 0.0;
-        r.pcr.push_back(pr);
+        r.pcr.push_back(pcr_accuracy(entry.first, s));
     }
     if (m_pSource) {
         m_source.unsent_tail = m_pSource->count - std::min(m_pSource->next, m_pSource->count);

@@ -87,6 +87,7 @@ private:
     struct source_index;
     void check_continuity(uint16_t pid, const uint8_t* p);
     void take_pcr(uint16_t pid, const uint8_t* p, uint64_t t);
+    static pcr_report pcr_accuracy(uint16_t pid, const pid_state& s);
     void check_source(const uint8_t* p);
     void note(const std::string& text);
 

@@ -164,19 +164,10 @@ uint64_t packets_within(uint64_t rate_bps, uint64_t interval_ns) {
     return static_cast<uint64_t>(u128(interval_ns) * rate_bps / (u128(kPacketBits) * kNsPerSecond));
 }
 
-bool generator::init(const options& o, std::string& error) {
-    m_opt = o;
-    m_psi.clear();
-    m_nIndex = 0;
-    m_nNextPsi = 0;
-    m_nPsiPending = 0;
-    m_nPayloadDue = 0;
-    m_nPayloadAcc = 0;
-    m_nPayloadSent = 0;
-    std::memset(m_ccPsi, 0, sizeof(m_ccPsi));
-    m_ccEs = 0;
-    m_ccPcr = 0;
+namespace {
 
+// The options' own limits, before anything is built from them.
+bool check_options(const options& o, std::string& error) {
     if (o.rate_bps == 0 || o.rate_bps > kMaxRate) {
         error = format("rate %llu bit/s out of range (1 to %llu)", (unsigned long long)o.rate_bps,
                        (unsigned long long)kMaxRate);
@@ -214,6 +205,26 @@ bool generator::init(const options& o, std::string& error) {
     if (o.fill_null && o.payload_rate_bps > o.rate_bps) {
         error = format("payload rate %llu bit/s exceeds the rate %llu bit/s",
                        (unsigned long long)o.payload_rate_bps, (unsigned long long)o.rate_bps);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool generator::init(const options& o, std::string& error) {
+    m_opt = o;
+    m_psi.clear();
+    m_nIndex = 0;
+    m_nNextPsi = 0;
+    m_nPsiPending = 0;
+    m_nPayloadDue = 0;
+    m_nPayloadAcc = 0;
+    m_nPayloadSent = 0;
+    std::memset(m_ccPsi, 0, sizeof(m_ccPsi));
+    m_ccEs = 0;
+    m_ccPcr = 0;
+    if (!check_options(o, error)) {
         return false;
     }
     if (o.fill_null && o.payload_rate_bps == 0) {
@@ -272,8 +283,11 @@ bool generator::packetize_section(uint16_t pid, uint8_t cc_slot, const char* nam
 }
 
 bool generator::build_psi(std::string& error) {
-    uint8_t section[kMaxSection];
+    return build_pat(error) && build_pmt(error) && build_sdt(error);
+}
 
+bool generator::build_pat(std::string& error) {
+    uint8_t section[kMaxSection];
     mpegcore::CPAT pat;
     pat.table_id = 0x00;
     pat.section_syntax_indicator = 1;
@@ -289,10 +303,11 @@ bool generator::build_psi(std::string& error) {
     program.map_PID.program_map_PID = m_opt.pmt_pid;
     program.SetValid();
     pat.program_map[m_opt.pmt_pid] = program;
-    if (!packetize_section(kPatPid, kCcPat, "PAT", section, write_section(pat, section), error)) {
-        return false;
-    }
+    return packetize_section(kPatPid, kCcPat, "PAT", section, write_section(pat, section), error);
+}
 
+bool generator::build_pmt(std::string& error) {
+    uint8_t section[kMaxSection];
     mpegcore::CPMT pmt;
     pmt.table_id = 0x02;
     pmt.section_syntax_indicator = 1;
@@ -311,11 +326,11 @@ bool generator::build_psi(std::string& error) {
     stream->elementary_PID = m_opt.es_pid;
     stream->reserved2 = 0xF;
     pmt.stream_map[m_opt.es_pid] = stream;
-    if (!packetize_section(m_opt.pmt_pid, kCcPmt, "PMT", section, write_section(pmt, section),
-                           error)) {
-        return false;
-    }
+    return packetize_section(m_opt.pmt_pid, kCcPmt, "PMT", section, write_section(pmt, section),
+                             error);
+}
 
+bool generator::build_sdt(std::string& error) {
     if (m_opt.service_name.size() > 255 || m_opt.provider_name.size() > 255) {
         error = "service and provider names are limited to 255 bytes";
         return false;

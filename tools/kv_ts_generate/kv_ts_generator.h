@@ -97,6 +97,9 @@ private:
         uint8_t cc_slot;  // which continuity counter (PAT, PMT, SDT) the packet advances
     };
     bool build_psi(std::string& error);
+    bool build_pat(std::string& error);
+    bool build_pmt(std::string& error);
+    bool build_sdt(std::string& error);
     // Splits a section into packets of `pid` (pointer field 0, 0xFF stuffing) and appends
     // them to the repetition. A size of 0 means the section did not fit: false with
     // "the <name> section does not fit".

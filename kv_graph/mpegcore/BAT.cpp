@@ -25,7 +25,7 @@ void CBouquetAssociationStream::copyTo(CBouquetAssociationStream& to) const {
 }
 
 CBAT::CBAT(uint8_t* buffer, long size)
-    : CBaseMpegTable(buffer, size > 0 ? static_cast<size_t>(size) : 0) {}
+    : CLongSectionTable(buffer, size > 0 ? static_cast<size_t>(size) : 0) {}
 
 CBAT::~CBAT() {
     deleteStreams();
@@ -48,12 +48,7 @@ bool CBAT::read(KVSDK::KVBSReader& r) {
     if (!read_section_header(r)) {
         return false;
     }
-    bouquet_id = static_cast<uint16_t>(r.getBits(16));
-    reserved1 = static_cast<uint8_t>(r.getBits(2));
-    version_number = static_cast<uint8_t>(r.getBits(5));
-    current_next_indicator = static_cast<uint8_t>(r.getBits(1));
-    section_number = static_cast<uint8_t>(r.getBits(8));
-    last_section_number = static_cast<uint8_t>(r.getBits(8));
+    bouquet_id = read_long_header(r);
     reserved_future_use2 = static_cast<uint8_t>(r.getBits(4));
     bouquet_descriptors_length = static_cast<uint16_t>(r.getBits(12));
 
@@ -106,12 +101,7 @@ bool CBAT::RenderTable() {
     const size_t capacity = m_pDataTable != nullptr ? m_lMaxSize : 0;
     KVSDK::KVBSWriter w(m_pDataTable, capacity);
     bool ok = write(w);
-    ok = w.putBits<uint16_t>(bouquet_id, 16) && ok;
-    ok = w.putBits<uint8_t>(reserved1 & 3, 2) && ok;
-    ok = w.putBits<uint8_t>(version_number & 0x1F, 5) && ok;
-    ok = w.putBits<uint8_t>(current_next_indicator & 1, 1) && ok;
-    ok = w.putBits<uint8_t>(section_number, 8) && ok;
-    ok = w.putBits<uint8_t>(last_section_number, 8) && ok;
+    ok = write_long_header(w, bouquet_id) && ok;
     ok = w.putBits<uint8_t>(reserved_future_use2 & 0xF, 4) && ok;
     bouquet_descriptors_length = descriptors.getSize();
     ok = w.putBits<uint16_t>(bouquet_descriptors_length & 0x0FFF, 12) && ok;
@@ -138,11 +128,7 @@ void CBAT::copyTo(CBAT* target) const {
     }
     copyHeaderTo(*target);
     target->bouquet_id = bouquet_id;
-    target->reserved1 = reserved1;
-    target->version_number = version_number;
-    target->current_next_indicator = current_next_indicator;
-    target->section_number = section_number;
-    target->last_section_number = last_section_number;
+    copy_versions_to(*target);
     target->reserved_future_use2 = reserved_future_use2;
     descriptors.copyTo(target->descriptors);
     target->bouquet_descriptors_length = target->descriptors.getSize();

@@ -5,7 +5,7 @@
 #include <list>
 
 #include "kvcore/kv_bitstream.h"
-#include "mpegcore/BaseMpegTable.h"
+#include "mpegcore/LongSectionTable.h"
 #include "mpegcore/kvdescriptorlist.h"
 
 namespace mpegcore {
@@ -39,7 +39,7 @@ public:
 // The transport descriptors of every entry are read into the table's own `descriptors`,
 // behind the bouquet descriptors, and the entries' lists stay empty: consumers find all
 // descriptors of a section in `descriptors`. The entries are owned by the table.
-class CBAT : public CBaseMpegTable {
+class CBAT : public CLongSectionTable {
 public:
     using StreamList = std::list<CBouquetAssociationStream*>;
 
@@ -73,11 +73,6 @@ public:
     void copyTo(CBAT& target) const { copyTo(&target); }
 
     uint16_t bouquet_id = 0;                    // 16 bits
-    uint8_t reserved1 = 0;                      // 2
-    uint8_t version_number = 0;                 // 5
-    uint8_t current_next_indicator = 0;         // 1
-    uint8_t section_number = 0;                 // 8
-    uint8_t last_section_number = 0;            // 8
     uint8_t reserved_future_use2 = 0;           // 4
     uint16_t bouquet_descriptors_length = 0;    // 12
     KVDescriptorList descriptors;               // bouquet and transport descriptors

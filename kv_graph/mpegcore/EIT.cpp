@@ -109,7 +109,7 @@ time_t CEventInfo::start_time_to_time_t(uint64_t start_time) {
     return timegm(&broken);
 }
 
-CEIT::CEIT(uint8_t* buffer, size_t size) : CBaseMpegTable(buffer, size) {}
+CEIT::CEIT(uint8_t* buffer, size_t size) : CLongSectionTable(buffer, size) {}
 
 void CEIT::Clear() {
     eventInfo.clear();
@@ -120,12 +120,7 @@ bool CEIT::read(KVSDK::KVBSReader& r) {
     if (!read_section_header(r)) {
         return false;
     }
-    service_id = static_cast<uint16_t>(r.getBits(16));
-    reserved1 = static_cast<uint8_t>(r.getBits(2));
-    version_number = static_cast<uint8_t>(r.getBits(5));
-    current_next_indicator = static_cast<uint8_t>(r.getBits(1));
-    section_number = static_cast<uint8_t>(r.getBits(8));
-    last_section_number = static_cast<uint8_t>(r.getBits(8));
+    service_id = read_long_header(r);
     transport_stream_id = static_cast<uint16_t>(r.getBits(16));
     original_network_id = static_cast<uint16_t>(r.getBits(16));
     segment_last_section_number = static_cast<uint8_t>(r.getBits(8));
@@ -156,12 +151,7 @@ uint16_t CEIT::calc_section_length() {
 bool CEIT::write_section(KVSDK::KVBSWriter& w, const uint8_t* start, size_t capacity,
                          size_t& size) {
     bool ok = CBaseMpegTable::write(w);
-    ok = w.putBits<uint16_t>(service_id, 16) && ok;
-    ok = w.putBits<uint8_t>(reserved1 & 3, 2) && ok;
-    ok = w.putBits<uint8_t>(version_number & 0x1F, 5) && ok;
-    ok = w.putBits<uint8_t>(current_next_indicator & 1, 1) && ok;
-    ok = w.putBits<uint8_t>(section_number, 8) && ok;
-    ok = w.putBits<uint8_t>(last_section_number, 8) && ok;
+    ok = write_long_header(w, service_id) && ok;
     ok = w.putBits<uint16_t>(transport_stream_id, 16) && ok;
     ok = w.putBits<uint16_t>(original_network_id, 16) && ok;
     ok = w.putBits<uint8_t>(segment_last_section_number, 8) && ok;
@@ -191,11 +181,7 @@ void CEIT::copyTo(CEIT* target) const {
     }
     copyHeaderTo(*target);
     target->service_id = service_id;
-    target->reserved1 = reserved1;
-    target->version_number = version_number;
-    target->current_next_indicator = current_next_indicator;
-    target->section_number = section_number;
-    target->last_section_number = last_section_number;
+    copy_versions_to(*target);
     target->transport_stream_id = transport_stream_id;
     target->original_network_id = original_network_id;
     target->segment_last_section_number = segment_last_section_number;

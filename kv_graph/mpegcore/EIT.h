@@ -7,7 +7,7 @@
 #include <memory>
 
 #include "kvcore/kv_bitstream.h"
-#include "mpegcore/BaseMpegTable.h"
+#include "mpegcore/LongSectionTable.h"
 #include "mpegcore/kvdescriptorlist.h"
 
 namespace mpegcore {
@@ -60,7 +60,7 @@ public:
 
 // One section of an Event Information Table: present/following or schedule, of the actual
 // or of another transport stream. Events are kept in section order.
-class CEIT : public CBaseMpegTable {
+class CEIT : public CLongSectionTable {
 public:
     using EventList = std::list<std::shared_ptr<CEventInfo>>;
 
@@ -93,11 +93,6 @@ public:
     void copyTo(CEIT& target) const { copyTo(&target); }
 
     uint16_t service_id = 0;                  // 16 bits
-    uint8_t reserved1 = 0;                    // 2
-    uint8_t version_number = 0;               // 5
-    uint8_t current_next_indicator = 0;       // 1
-    uint8_t section_number = 0;               // 8
-    uint8_t last_section_number = 0;          // 8
     uint16_t transport_stream_id = 0;         // 16
     uint16_t original_network_id = 0;         // 16
     uint8_t segment_last_section_number = 0;  // 8

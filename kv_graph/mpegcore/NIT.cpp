@@ -20,7 +20,7 @@ void CBaseTransportStream::copyTo(CBaseTransportStream& to) const {
     to.network_descriptors_length = to.descriptors.getSize();
 }
 
-CNIT::CNIT(uint8_t* buffer, size_t size) : CBaseMpegTable(buffer, size) {}
+CNIT::CNIT(uint8_t* buffer, size_t size) : CLongSectionTable(buffer, size) {}
 
 void CNIT::Clear() {
     transport_stream.clear();
@@ -32,12 +32,7 @@ bool CNIT::read(KVSDK::KVBSReader& r) {
     if (!read_section_header(r)) {
         return false;
     }
-    network_id = static_cast<uint16_t>(r.getBits(16));
-    reserved1 = static_cast<uint8_t>(r.getBits(2));
-    version_number = static_cast<uint8_t>(r.getBits(5));
-    current_next_indicator = static_cast<uint8_t>(r.getBits(1));
-    section_number = static_cast<uint8_t>(r.getBits(8));
-    last_section_number = static_cast<uint8_t>(r.getBits(8));
+    network_id = read_long_header(r);
     reserved_future_use = static_cast<uint8_t>(r.getBits(4));
     network_descriptors_length = static_cast<uint16_t>(r.getBits(12));
 
@@ -88,12 +83,7 @@ bool CNIT::RenderTable() {
     const size_t capacity = m_pDataTable != nullptr ? m_lMaxSize : 0;
     KVSDK::KVBSWriter w(m_pDataTable, capacity);
     bool ok = write(w);
-    ok = w.putBits<uint16_t>(network_id, 16) && ok;
-    ok = w.putBits<uint8_t>(reserved1 & 3, 2) && ok;
-    ok = w.putBits<uint8_t>(version_number & 0x1F, 5) && ok;
-    ok = w.putBits<uint8_t>(current_next_indicator & 1, 1) && ok;
-    ok = w.putBits<uint8_t>(section_number, 8) && ok;
-    ok = w.putBits<uint8_t>(last_section_number, 8) && ok;
+    ok = write_long_header(w, network_id) && ok;
     ok = w.putBits<uint8_t>(reserved_future_use & 0xF, 4) && ok;
     network_descriptors_length = descriptors.getSize();
     ok = w.putBits<uint16_t>(network_descriptors_length & 0x0FFF, 12) && ok;
@@ -119,11 +109,7 @@ void CNIT::copyTo(CNIT* target) const {
     }
     copyHeaderTo(*target);
     target->network_id = network_id;
-    target->reserved1 = reserved1;
-    target->version_number = version_number;
-    target->current_next_indicator = current_next_indicator;
-    target->section_number = section_number;
-    target->last_section_number = last_section_number;
+    copy_versions_to(*target);
     target->reserved_future_use = reserved_future_use;
     descriptors.copyTo(target->descriptors);
     target->network_descriptors_length = target->descriptors.getSize();

@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "kvcore/kv_bitstream.h"
-#include "mpegcore/BaseMpegTable.h"
+#include "mpegcore/LongSectionTable.h"
 #include "mpegcore/kvdescriptorlist.h"
 
 namespace mpegcore {
@@ -36,7 +36,7 @@ public:
 // One section of a Network Information Table (actual or other network).
 //
 // The transport streams are kept in section order in a list; duplicates stay.
-class CNIT : public CBaseMpegTable {
+class CNIT : public CLongSectionTable {
 public:
     using TransportStreamList = std::list<std::shared_ptr<CBaseTransportStream>>;
 
@@ -70,11 +70,6 @@ public:
     void copyTo(CNIT& target) const { copyTo(&target); }
 
     uint16_t network_id = 0;                    // 16 bits
-    uint8_t reserved1 = 0;                      // 2
-    uint8_t version_number = 0;                 // 5
-    uint8_t current_next_indicator = 0;         // 1
-    uint8_t section_number = 0;                 // 8
-    uint8_t last_section_number = 0;            // 8
     uint8_t reserved_future_use = 0;            // 4
     uint16_t network_descriptors_length = 0;    // 12
     KVDescriptorList descriptors;               // network descriptors

@@ -12,7 +12,7 @@ constexpr uint16_t kEntrySize = 4;
 
 }  // namespace
 
-CPAT::CPAT(uint8_t* buffer, size_t size) : CBaseMpegTable(buffer, size) {}
+CPAT::CPAT(uint8_t* buffer, size_t size) : CLongSectionTable(buffer, size) {}
 
 void CPAT::Clear() {
     program_map.clear();
@@ -23,12 +23,7 @@ bool CPAT::read(KVSDK::KVBSReader& r) {
     if (!read_section_header(r)) {
         return false;
     }
-    transport_stream_id = static_cast<uint16_t>(r.getBits(16));
-    reserved1 = static_cast<uint8_t>(r.getBits(2));
-    version_number = static_cast<uint8_t>(r.getBits(5));
-    current_next_indicator = static_cast<uint8_t>(r.getBits(1));
-    section_number = static_cast<uint8_t>(r.getBits(8));
-    last_section_number = static_cast<uint8_t>(r.getBits(8));
+    transport_stream_id = read_long_header(r);
 
     program_map.clear();
     // Whole entries only: a partial one in front of the CRC is ignored.
@@ -57,12 +52,7 @@ bool CPAT::write(KVSDK::KVBSWriter& w) {
     w.flush();
     const uint8_t* start = w.getData();
     bool ok = CBaseMpegTable::write(w);
-    ok = w.putBits<uint16_t>(transport_stream_id, 16) && ok;
-    ok = w.putBits<uint8_t>(reserved1 & 3, 2) && ok;
-    ok = w.putBits<uint8_t>(version_number & 0x1F, 5) && ok;
-    ok = w.putBits<uint8_t>(current_next_indicator & 1, 1) && ok;
-    ok = w.putBits<uint8_t>(section_number, 8) && ok;
-    ok = w.putBits<uint8_t>(last_section_number, 8) && ok;
+    ok = write_long_header(w, transport_stream_id) && ok;
     for (const auto& entry : program_map) {
         const CBaseMpegProgram& program = entry.second;
         ok = w.putBits<uint16_t>(program.program_number, 16) && ok;
@@ -75,11 +65,7 @@ bool CPAT::write(KVSDK::KVBSWriter& w) {
 
 bool CPAT::operator!=(const CPAT& other) const {
     if (!sameHeader(other) || transport_stream_id != other.transport_stream_id ||
-        reserved1 != other.reserved1 || version_number != other.version_number ||
-        current_next_indicator != other.current_next_indicator ||
-        section_number != other.section_number ||
-        last_section_number != other.last_section_number ||
-        program_map.size() != other.program_map.size()) {
+        !same_versions(other) || program_map.size() != other.program_map.size()) {
         return true;
     }
     for (auto a = program_map.begin(), b = other.program_map.begin(); a != program_map.end();
@@ -95,11 +81,7 @@ bool CPAT::operator!=(const CPAT& other) const {
 void CPAT::copyTo(CPAT& to) const {
     copyHeaderTo(to);
     to.transport_stream_id = transport_stream_id;
-    to.reserved1 = reserved1;
-    to.version_number = version_number;
-    to.current_next_indicator = current_next_indicator;
-    to.section_number = section_number;
-    to.last_section_number = last_section_number;
+    copy_versions_to(to);
     to.program_map = program_map;
     to.CRC = CRC;
 }

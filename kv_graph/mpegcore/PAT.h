@@ -6,14 +6,14 @@
 
 #include "kvcore/kv_bitstream.h"
 #include "mpegcore/BaseMpegProgram.h"
-#include "mpegcore/BaseMpegTable.h"
+#include "mpegcore/LongSectionTable.h"
 
 namespace mpegcore {
 
 // Program Association Table. Its entries are keyed by their PID (PMT PID, or the network
 // PID for program 0), so that a packet's PID can be looked up directly; two entries with
 // the same PID collapse into one, the later winning.
-class CPAT : public CBaseMpegTable {
+class CPAT : public CLongSectionTable {
 public:
     explicit CPAT(uint8_t* buffer = nullptr, size_t size = 1024);
     ~CPAT() override = default;
@@ -36,11 +36,6 @@ public:
     const CBaseMpegProgram* find(uint16_t pid) const;
 
     uint16_t transport_stream_id = 0;    // 16 bits
-    uint8_t reserved1 = 0;               // 2
-    uint8_t version_number = 0;          // 5
-    uint8_t current_next_indicator = 0;  // 1
-    uint8_t section_number = 0;          // 8
-    uint8_t last_section_number = 0;     // 8
     std::map<uint16_t, CBaseMpegProgram> program_map;
     uint32_t CRC = 0;
 };

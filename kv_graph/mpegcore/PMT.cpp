@@ -24,7 +24,7 @@ void CBaseStreamTypeMap::copyTo(CBaseStreamTypeMap& to) const {
     descriptors.copyTo(to.descriptors);
 }
 
-CPMT::CPMT(uint8_t* buffer, size_t size) : CBaseMpegTable(buffer, size) {}
+CPMT::CPMT(uint8_t* buffer, size_t size) : CLongSectionTable(buffer, size) {}
 
 void CPMT::Clear() {
     descriptors.clear();
@@ -41,12 +41,7 @@ bool CPMT::read(KVSDK::KVBSReader& r) {
     if (!read_section_header(r)) {
         return false;
     }
-    program_number = static_cast<uint16_t>(r.getBits(16));
-    reserved1 = static_cast<uint8_t>(r.getBits(2));
-    version_number = static_cast<uint8_t>(r.getBits(5));
-    current_next_indicator = static_cast<uint8_t>(r.getBits(1));
-    section_number = static_cast<uint8_t>(r.getBits(8));
-    last_section_number = static_cast<uint8_t>(r.getBits(8));
+    program_number = read_long_header(r);
     reserved2 = static_cast<uint8_t>(r.getBits(3));
     PCR_PID = static_cast<uint16_t>(r.getBits(13));
     reserved3 = static_cast<uint8_t>(r.getBits(4));
@@ -89,12 +84,7 @@ bool CPMT::write(KVSDK::KVBSWriter& w) {
     const uint8_t* start = w.getData();
     program_info_length = descriptors.getSize();
     bool ok = CBaseMpegTable::write(w);
-    ok = w.putBits<uint16_t>(program_number, 16) && ok;
-    ok = w.putBits<uint8_t>(reserved1 & 3, 2) && ok;
-    ok = w.putBits<uint8_t>(version_number & 0x1F, 5) && ok;
-    ok = w.putBits<uint8_t>(current_next_indicator & 1, 1) && ok;
-    ok = w.putBits<uint8_t>(section_number, 8) && ok;
-    ok = w.putBits<uint8_t>(last_section_number, 8) && ok;
+    ok = write_long_header(w, program_number) && ok;
     ok = w.putBits<uint8_t>(reserved2 & 7, 3) && ok;
     ok = w.putBits<uint16_t>(PCR_PID & 0x1FFF, 13) && ok;
     ok = w.putBits<uint8_t>(reserved3 & 0xF, 4) && ok;
@@ -116,10 +106,7 @@ bool CPMT::write(KVSDK::KVBSWriter& w) {
 
 bool CPMT::operator!=(const CPMT& other) const {
     if (!sameHeader(other) || program_number != other.program_number ||
-        reserved1 != other.reserved1 || version_number != other.version_number ||
-        current_next_indicator != other.current_next_indicator ||
-        section_number != other.section_number ||
-        last_section_number != other.last_section_number || PCR_PID != other.PCR_PID ||
+        !same_versions(other) || PCR_PID != other.PCR_PID ||
         program_info_length != other.program_info_length ||
         descriptors.getSize() != other.descriptors.getSize() ||
         descriptors.descriptor.size() != other.descriptors.descriptor.size() ||
@@ -143,11 +130,7 @@ bool CPMT::operator!=(const CPMT& other) const {
 void CPMT::copyTo(CPMT& to) const {
     copyHeaderTo(to);
     to.program_number = program_number;
-    to.reserved1 = reserved1;
-    to.version_number = version_number;
-    to.current_next_indicator = current_next_indicator;
-    to.section_number = section_number;
-    to.last_section_number = last_section_number;
+    copy_versions_to(to);
     to.reserved2 = reserved2;
     to.PCR_PID = PCR_PID;
     to.reserved3 = reserved3;

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "kvcore/kv_bitstream.h"
-#include "mpegcore/BaseMpegTable.h"
+#include "mpegcore/LongSectionTable.h"
 #include "mpegcore/kvdescriptorlist.h"
 
 namespace mpegcore {
@@ -34,7 +34,7 @@ public:
 
 // Program Map Table of one program: PCR PID, program descriptors and the elementary
 // streams keyed by their PID (a later entry with the same PID replaces an earlier one).
-class CPMT : public CBaseMpegTable {
+class CPMT : public CLongSectionTable {
 public:
     using StreamMap = std::map<uint16_t, std::shared_ptr<CBaseStreamTypeMap>>;
 
@@ -61,11 +61,6 @@ public:
     const CBaseStreamTypeMap* find(uint16_t pid) const;
 
     uint16_t program_number = 0;         // 16 bits
-    uint8_t reserved1 = 0;               // 2
-    uint8_t version_number = 0;          // 5
-    uint8_t current_next_indicator = 0;  // 1
-    uint8_t section_number = 0;          // 8
-    uint8_t last_section_number = 0;     // 8
     uint8_t reserved2 = 0;               // 3
     uint16_t PCR_PID = 0;                // 13
     uint8_t reserved3 = 0;               // 4

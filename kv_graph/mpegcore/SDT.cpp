@@ -23,7 +23,7 @@ void CServiceDescriptionSection::copyTo(CServiceDescriptionSection& to) const {
     to.descriptors_loop_length = to.descriptors.getSize();
 }
 
-CSDT::CSDT(uint8_t* buffer, size_t size) : CBaseMpegTable(buffer, size) {}
+CSDT::CSDT(uint8_t* buffer, size_t size) : CLongSectionTable(buffer, size) {}
 
 void CSDT::Clear() {
     sds.clear();
@@ -34,12 +34,7 @@ bool CSDT::read(KVSDK::KVBSReader& r) {
     if (!read_section_header(r)) {
         return false;
     }
-    transport_stream_id = static_cast<uint16_t>(r.getBits(16));
-    reserved1 = static_cast<uint8_t>(r.getBits(2));
-    version_number = static_cast<uint8_t>(r.getBits(5));
-    current_next_indicator = static_cast<uint8_t>(r.getBits(1));
-    section_number = static_cast<uint8_t>(r.getBits(8));
-    last_section_number = static_cast<uint8_t>(r.getBits(8));
+    transport_stream_id = read_long_header(r);
     original_network_id = static_cast<uint16_t>(r.getBits(16));
     reserved_future_use1 = static_cast<uint8_t>(r.getBits(8));
 
@@ -79,12 +74,7 @@ uint16_t CSDT::calc_section_length() {
 bool CSDT::RenderTable() {
     KVSDK::KVBSWriter w(m_pDataTable, m_pDataTable != nullptr ? m_lMaxSize : 0);
     bool ok = write(w);
-    ok = w.putBits<uint16_t>(transport_stream_id, 16) && ok;
-    ok = w.putBits<uint8_t>(reserved1 & 3, 2) && ok;
-    ok = w.putBits<uint8_t>(version_number & 0x1F, 5) && ok;
-    ok = w.putBits<uint8_t>(current_next_indicator & 1, 1) && ok;
-    ok = w.putBits<uint8_t>(section_number, 8) && ok;
-    ok = w.putBits<uint8_t>(last_section_number, 8) && ok;
+    ok = write_long_header(w, transport_stream_id) && ok;
     ok = w.putBits<uint16_t>(original_network_id, 16) && ok;
     ok = w.putBits<uint8_t>(reserved_future_use1, 8) && ok;
     for (const auto& entry : sds) {
@@ -110,11 +100,7 @@ void CSDT::copyTo(CSDT* target) const {
     }
     copyHeaderTo(*target);
     target->transport_stream_id = transport_stream_id;
-    target->reserved1 = reserved1;
-    target->version_number = version_number;
-    target->current_next_indicator = current_next_indicator;
-    target->section_number = section_number;
-    target->last_section_number = last_section_number;
+    copy_versions_to(*target);
     target->original_network_id = original_network_id;
     target->reserved_future_use1 = reserved_future_use1;
     target->CRC = CRC;

@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "kvcore/kv_bitstream.h"
-#include "mpegcore/BaseMpegTable.h"
+#include "mpegcore/LongSectionTable.h"
 #include "mpegcore/kvdescriptorlist.h"
 
 namespace mpegcore {
@@ -40,7 +40,7 @@ public:
 //
 // The services are kept keyed and sorted by service_id, not in section order: a later
 // service with the same id replaces an earlier one.
-class CSDT : public CBaseMpegTable {
+class CSDT : public CLongSectionTable {
 public:
     using ServiceMap = std::map<uint16_t, std::shared_ptr<CServiceDescriptionSection>>;
 
@@ -71,11 +71,6 @@ public:
     void copyTo(CSDT& target) const { copyTo(&target); }
 
     uint16_t transport_stream_id = 0;    // 16 bits
-    uint8_t reserved1 = 0;               // 2
-    uint8_t version_number = 0;          // 5
-    uint8_t current_next_indicator = 0;  // 1
-    uint8_t section_number = 0;          // 8
-    uint8_t last_section_number = 0;     // 8
     uint16_t original_network_id = 0;    // 16
     uint8_t reserved_future_use1 = 0;    // 8
     ServiceMap sds;

@@ -2,8 +2,6 @@
 
 #include <cstring>
 
-#include "mpegcore/kvdescriptor_io.h"
-
 namespace mpegcore {
 
 namespace desc_io {
@@ -63,9 +61,11 @@ bool base_descriptor::write(KVSDK::KVBSWriter& w) {
         return false;
     }
     descriptor_length = static_cast<uint8_t>(length);
-    desc_io::body_writer io(w);
-    return w.putBits<8>(descriptor_tag) && w.putBits<8>(descriptor_length) &&
-           io.raw(descriptor_data);
+    bool ok = w.putBits<8>(descriptor_tag) && w.putBits<8>(descriptor_length);
+    for (size_t i = 0; ok && i < descriptor_data.size(); ++i) {
+        ok = w.putBits<8>(descriptor_data[i]);
+    }
+    return ok;
 }
 
 bool base_descriptor::read(KVSDK::KVBSReader& r) {
@@ -87,6 +87,5 @@ size_t base_descriptor::body_size() const {
     return descriptor_data.size();
 }
 
-template class descriptor_of<base_descriptor_extension>;
 
 }  // namespace mpegcore

@@ -215,6 +215,7 @@ bool logical_channel_descriptor::fields(IO& io) {
     return io.entries(m_listService);
 }
 
+template class descriptor_of<base_descriptor_extension>;  // tag 0x7F, any family
 template class descriptor_of<network_name_descriptor>;
 template class descriptor_of<service_list_descriptor>;
 template class descriptor_of<satellite_delivery_system_descriptor>;

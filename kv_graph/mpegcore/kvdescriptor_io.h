@@ -344,13 +344,6 @@ public:
     bool present(bool& flag) { return flag; }
 };
 
-// A copy of `from` in a new array of its own (an empty holder stays empty).
-void copy_bytes(const KVSDK::KVAlignMemory<uint8_t>& from, KVSDK::KVAlignMemory<uint8_t>& to);
-
-// Reads tag and length and moves the reader past the body, whose start it returns in
-// `body`. Fails when the header or the body runs past the reader's data.
-bool read_header(KVSDK::KVBSReader& r, base_descriptor& d, const uint8_t*& body);
-
 }  // namespace desc_io
 
 template <class IO>

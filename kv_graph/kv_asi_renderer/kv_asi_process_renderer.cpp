@@ -377,8 +377,13 @@ bool kv_asi_process_renderer::check_fifo() {
 
 void kv_asi_process_renderer::watch(bool bEos) {
     const auto now = std::chrono::steady_clock::now();
-    watch_state& w = m_watch;
+    watch_device(now);
+    watch_timing(now, bEos);
+    watch_rate();
+}
 
+void kv_asi_process_renderer::watch_device(std::chrono::steady_clock::time_point now) {
+    watch_state& w = m_watch;
     // Device faults: each one counted, the last in the statistics' last error.
     const uint64_t nFaults = m_pDevice->get_fault_count();
     if (nFaults != w.nFaults) {
@@ -419,7 +424,10 @@ void kv_asi_process_renderer::watch(bool bEos) {
                "more in the statistics (\"Skip TS packets\")");
     }
     w.nSkipPackets = m_nSkipPackets;
+}
 
+void kv_asi_process_renderer::watch_timing(std::chrono::steady_clock::time_point now, bool bEos) {
+    watch_state& w = m_watch;
     // Data that cannot be timed: it arrives, but no PCR (or no usable stamp) comes.
     const bool bStamp = m_eTimeControl == mpegcore::stamp_time_type;
     const uint64_t nTimed = bStamp ? m_nUsableStamps.load(std::memory_order_relaxed)
@@ -458,7 +466,10 @@ void kv_asi_process_renderer::watch(bool bEos) {
     if (w.bNoTiming) {
         m_alarmDispatcher.fifo_underflow_event();  // the line goes without the stream
     }
+}
 
+void kv_asi_process_renderer::watch_rate() {
+    watch_state& w = m_watch;
     // A stream faster than the line loses packets whatever the latency.
     const int64_t nRate = m_fifo.get_rate();
     if (nRate > kLineRate) {

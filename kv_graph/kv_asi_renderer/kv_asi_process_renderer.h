@@ -187,6 +187,12 @@ private:
     // Output thread, every pass: turns what the device, the fill and the stream did since
     // the last pass into statistics, alarms and messages.
     void watch(bool bEos);
+    // Device faults and skipped frames or packets.
+    void watch_device(std::chrono::steady_clock::time_point now);
+    // Data that arrives but cannot be timed (no PCR, no usable stamp).
+    void watch_timing(std::chrono::steady_clock::time_point now, bool bEos);
+    // A stream faster than the line, and a FIFO too small for the latency at its rate.
+    void watch_rate();
 
     // One kind of event, reported once per episode.
     struct episode {

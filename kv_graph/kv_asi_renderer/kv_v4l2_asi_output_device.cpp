@@ -185,56 +185,58 @@ bool kv_v4l2_asi_output_device::mmap_buffers(int fd) {
     m_vASIBuf.reserve(count);
 
     for (uint32_t i = 0; i < count; ++i) {
-        m_vASIBuf.emplace_back();
-        kv_v4l2_buffers& rec = m_vASIBuf.back();
-        rec.buf.type = m_eDeviceType;
-        rec.buf.memory = V4L2_MEMORY_MMAP;
-        rec.buf.index = i;
-        void* p = MAP_FAILED;
-        if (m_eDeviceType == V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE) {
-            rec.buf.length = 1;
-            rec.buf.m.planes = rec.planes;
-            if (xioctl(fd, VIDIOC_QUERYBUF, &rec.buf) == -1) {
-                set_error("VIDIOC_QUERYBUF", errno);
-                m_vASIBuf.pop_back();
-                g_print("kv_asi_renderer: Can't map asi mplane buffer #%d/%d\n",
-                        static_cast<int>(i + 1), static_cast<int>(count));
-                return false;
-            }
-            rec.buf.m.planes = rec.planes;
-            v4l2_plane& plane = rec.planes[0];
-            // Never claim more bytes than the buffer holds: the driver refuses that.
-            plane.bytesused = static_cast<uint32_t>(std::min<size_t>(limit, plane.length));
-            p = ::mmap(nullptr, plane.length, PROT_READ | PROT_WRITE, MAP_SHARED, fd,
-                       plane.m.mem_offset);
-            if (p == MAP_FAILED) {
-                set_error("mmap", errno);
-                g_print("kv_asi_renderer: Can't map field[0] for bufer[%d<%d]\n",
-                        static_cast<int>(i), static_cast<int>(count));
-            } else {
-                rec.nSize = plane.length;
-            }
-        } else {
-            if (xioctl(fd, VIDIOC_QUERYBUF, &rec.buf) == -1) {
-                set_error("VIDIOC_QUERYBUF", errno);
-                m_vASIBuf.pop_back();
-                g_print("kv_asi_renderer: Can't map asi splane buffer #%d/%d\n",
-                        static_cast<int>(i + 1), static_cast<int>(count));
-                return false;
-            }
-            rec.buf.bytesused = static_cast<uint32_t>(std::min<size_t>(limit, rec.buf.length));
-            p = ::mmap(nullptr, rec.buf.length, PROT_READ | PROT_WRITE, MAP_SHARED, fd,
-                       rec.buf.m.offset);
-            // A failed mapping leaves an empty record; the size check below refuses it.
-            if (p != MAP_FAILED) {
-                rec.nSize = rec.buf.length;
-            } else {
-                set_error("mmap", errno);
-            }
+        if (!map_buffer(fd, i, count, limit)) {
+            return false;
         }
-        rec.pData = p == MAP_FAILED ? nullptr : static_cast<uint8_t*>(p);
     }
 
+    m_buffer_size = m_fmtASI.sizeimage;
+    return buffers_whole(limit);
+}
+
+bool kv_v4l2_asi_output_device::map_buffer(int fd, uint32_t i, uint32_t count, size_t limit) {
+    const bool bMplane = m_eDeviceType == V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE;
+    m_vASIBuf.emplace_back();
+    kv_v4l2_buffers& rec = m_vASIBuf.back();
+    rec.buf.type = m_eDeviceType;
+    rec.buf.memory = V4L2_MEMORY_MMAP;
+    rec.buf.index = i;
+    if (bMplane) {
+        rec.buf.length = 1;
+        rec.buf.m.planes = rec.planes;
+    }
+    if (xioctl(fd, VIDIOC_QUERYBUF, &rec.buf) == -1) {
+        set_error("VIDIOC_QUERYBUF", errno);
+        m_vASIBuf.pop_back();
+        g_print("kv_asi_renderer: Can't map asi %s buffer #%d/%d\n", bMplane ? "mplane" : "splane",
+                static_cast<int>(i + 1), static_cast<int>(count));
+        return false;
+    }
+    if (bMplane) {
+        rec.buf.m.planes = rec.planes;
+    }
+    // One plane or the buffer itself. Never claim more bytes than it holds: the driver
+    // refuses that.
+    uint32_t& bytesused = bMplane ? rec.planes[0].bytesused : rec.buf.bytesused;
+    const uint32_t length = bMplane ? rec.planes[0].length : rec.buf.length;
+    const uint32_t offset = bMplane ? rec.planes[0].m.mem_offset : rec.buf.m.offset;
+    bytesused = static_cast<uint32_t>(std::min<size_t>(limit, length));
+    void* p = ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, fd, offset);
+    // A failed mapping leaves an empty record; buffers_whole() refuses it.
+    if (p == MAP_FAILED) {
+        set_error("mmap", errno);
+        if (bMplane) {
+            g_print("kv_asi_renderer: Can't map field[0] for bufer[%d<%d]\n", static_cast<int>(i),
+                    static_cast<int>(count));
+        }
+    } else {
+        rec.nSize = length;
+    }
+    rec.pData = p == MAP_FAILED ? nullptr : static_cast<uint8_t*>(p);
+    return true;
+}
+
+bool kv_v4l2_asi_output_device::buffers_whole(size_t limit) {
     // A buffer that failed to map or cannot hold a frame would silently cost every frame
     // it carries: the device is refused instead.
     bool bWhole = true;
@@ -252,7 +254,6 @@ bool kv_v4l2_asi_output_device::mmap_buffers(int fd) {
             bWhole = false;
         }
     }
-    m_buffer_size = m_fmtASI.sizeimage;
     return bWhole;
 }
 

@@ -110,6 +110,11 @@ public:
 
     bool set_video_format(int fd);
     bool mmap_buffers(int fd);
+    // Queries and maps buffer i of count into a new record; false (record dropped) when the
+    // driver refuses the query. A failed mapping leaves the record without data.
+    bool map_buffer(int fd, uint32_t i, uint32_t count, size_t limit);
+    // Whether every buffer is mapped and holds a frame of `limit` bytes.
+    bool buffers_whole(size_t limit);
     void unmmap_buffers();
 
 private:

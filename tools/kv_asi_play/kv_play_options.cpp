@@ -22,17 +22,6 @@ std::string gst_version_detail() {
     return detail;
 }
 
-bool parse_uint(const char* text, unsigned long long nMax, guint& value) {
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long long v = std::strtoull(text, &end, 0);
-    if (errno != 0 || end == text || *end != '\0' || text[0] == '-' || v > nMax) {
-        return false;
-    }
-    value = static_cast<guint>(v);
-    return true;
-}
-
 }  // namespace
 
 bool is_udp(const std::string& source) {
@@ -50,9 +39,8 @@ bool valid_udp_uri(const std::string& uri) {
     if (host.find(':') != std::string::npos && (host.front() != '[' || host.back() != ']')) {
         return false;
     }
-    guint port = 0;
-    return parse_uint(rest.substr(colon + 1).c_str(), 65535, port) && port > 0 &&
-           rest[colon + 1] >= '0' && rest[colon + 1] <= '9';
+    uint64_t port = 0;
+    return kv_cli::to_uint(rest.substr(colon + 1), 65535, port) && port > 0;
 }
 
 int parse_options(int argc, char** argv, options& o) {

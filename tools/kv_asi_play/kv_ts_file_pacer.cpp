@@ -158,59 +158,67 @@ void ts_file_pacer::make_ready(int64_t nTicks) {
     m_tPendingTicks += nTicks;
 }
 
+ts_file_pacer::end_step ts_file_pacer::at_end_of_file() {
+    if (!m_strError.empty()) {
+        return end_step::stop;
+    }
+    if (m_nPcrPid < 0) {
+        m_strError = "no PCR in " + m_strPath + ": nothing to pace it by";
+        return end_step::stop;
+    }
+    if (m_bLoop && m_nPass == 0) {
+        std::string ignored;  // without two PCRs the passes play as the file is
+        m_seam.finish(ignored);
+    }
+    if (m_bLoop && m_seam.ready()) {
+        // Seamless: the packets after the last PCR of this pass wait with those of
+        // the next pass for its first PCR, one ordinary interval on.
+        if (m_nPassPackets == 0) {
+            m_strError = "no packets left in " + m_strPath;
+            return end_step::stop;
+        }
+        if (!rewind()) {
+            return end_step::stop;
+        }
+        if (!m_pending.empty()) {
+            m_nPendingSeam = m_pending.size() / kPacketSize;
+        }
+        return end_step::go_on;
+    }
+    // The tail after the last PCR runs on at the last rate; a loop starts over
+    // without a measurable interval to the first PCR of the next pass.
+    m_bBroken = true;
+    const bool bTail = !m_pending.empty();
+    if (bTail) {
+        make_ready(estimate(m_pending.size() / kPacketSize));
+    }
+    if (m_bLoop) {
+        if (m_nPassPackets == 0) {
+            m_strError = "no packets left in " + m_strPath;
+            return end_step::stop;
+        }
+        if (!rewind()) {
+            return end_step::stop;
+        }
+    } else if (!bTail) {
+        return end_step::stop;
+    }
+    if (bTail) {
+        return end_step::ready;
+    }
+    return end_step::go_on;
+}
+
 bool ts_file_pacer::close_interval() {
     for (;;) {
         uint8_t* p = nullptr;
         uint64_t nOffset = 0;
         if (!read_packet(p, nOffset)) {
-            if (!m_strError.empty()) {
-                return false;
-            }
-            if (m_nPcrPid < 0) {
-                m_strError = "no PCR in " + m_strPath + ": nothing to pace it by";
-                return false;
-            }
-            if (m_bLoop && m_nPass == 0) {
-                std::string ignored;  // without two PCRs the passes play as the file is
-                m_seam.finish(ignored);
-            }
-            if (m_bLoop && m_seam.ready()) {
-                // Seamless: the packets after the last PCR of this pass wait with those of
-                // the next pass for its first PCR, one ordinary interval on.
-                if (m_nPassPackets == 0) {
-                    m_strError = "no packets left in " + m_strPath;
-                    return false;
-                }
-                if (!rewind()) {
-                    return false;
-                }
-                if (!m_pending.empty()) {
-                    m_nPendingSeam = m_pending.size() / kPacketSize;
-                }
+            const end_step step = at_end_of_file();
+            if (step == end_step::go_on) {
                 continue;
             }
-            // The tail after the last PCR runs on at the last rate; a loop starts over
-            // without a measurable interval to the first PCR of the next pass.
-            m_bBroken = true;
-            const bool bTail = !m_pending.empty();
-            if (bTail) {
-                make_ready(estimate(m_pending.size() / kPacketSize));
-            }
-            if (m_bLoop) {
-                if (m_nPassPackets == 0) {
-                    m_strError = "no packets left in " + m_strPath;
-                    return false;
-                }
-                if (!rewind()) {
-                    return false;
-                }
-            } else if (!bTail) {
-                return false;
-            }
-            if (bTail) {
-                return true;
-            }
-            continue;
+            return step == end_step::ready;
         }
         ++m_nPassPackets;
 

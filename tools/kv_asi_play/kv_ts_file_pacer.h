@@ -87,6 +87,10 @@ private:
     // Reads until the packets since the last anchor can be timed; false when nothing
     // is left.
     bool close_interval();
+    // What close_interval() does once the file is read to its end: read on (a loop
+    // started over), hand out what is ready (the tail), or stop.
+    enum class end_step { go_on, ready, stop };
+    end_step at_end_of_file();
     // Times the pending packets over nTicks and makes them ready.
     void make_ready(int64_t nTicks);
     // Duration of n packets at the last measured rate.

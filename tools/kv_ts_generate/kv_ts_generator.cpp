@@ -132,20 +132,6 @@ bool scale_exact(u128 digits, unsigned frac, uint64_t scale, uint64_t limit, uin
     return true;
 }
 
-bool parse_uint(const std::string& text, uint64_t limit, uint64_t& out) {
-    if (text.empty() || text[0] == '-' || text[0] == '+') {
-        return false;
-    }
-    errno = 0;
-    char* end = nullptr;
-    const unsigned long long v = strtoull(text.c_str(), &end, 0);
-    if (errno != 0 || end == text.c_str() || *end != '\0' || v > limit) {
-        return false;
-    }
-    out = v;
-    return true;
-}
-
 }  // namespace
 
 uint64_t pcr_of_packet(uint64_t pcr_start, uint64_t rate_bps, uint64_t index) {
@@ -532,25 +518,28 @@ bool parse_time(const std::string& text, uint64_t bare_unit_ns, uint64_t& ns) {
     return scale_exact(digits, frac, scale, uint64_t(1) << 60, ns);
 }
 
-int parse_command_line(const std::vector<std::string>& args, command_line& cl, FILE* out,
-                       FILE* err) {
-    cl = command_line();
-    cl.output = "-";
-    bool haveRate = false, haveDuration = false, havePackets = false, havePcrPid = false,
-         havePayloadRate = false;
+namespace {
+
+// What the command line named, for the checks across options.
+struct named_options {
+    bool rate = false, duration = false, packets = false, pcr_pid = false, payload_rate = false;
     uint64_t duration_ns = 0;
+};
+
+// The options, each writing into `cl` and noting in `seen` that it was given.
+void declare_options(kv_cli::parser& cli, command_line& cl, named_options& seen) {
     const char* kRate = "a whole bit rate (38M, 5000k, 38000000)";
     const char* kInterval = "an interval (30ms, 0.03s, 30)";
     const char* kPid = "a PID from 0x20 to 0x1FFE";
-    const auto pid = [&](uint16_t& target, bool* seen = nullptr) {
-        return [&target, seen](const std::string& v) {
+    const auto pid = [](uint16_t& target, bool* given = nullptr) {
+        return [&target, given](const std::string& v) {
             uint64_t n = 0;
-            if (!parse_uint(v, kNullPid - 1, n) || n < kFirstFreePid) {
+            if (!kv_cli::to_uint(v, kNullPid - 1, n) || n < kFirstFreePid) {
                 return false;
             }
             target = static_cast<uint16_t>(n);
-            if (seen != nullptr) {
-                *seen = true;
+            if (given != nullptr) {
+                *given = true;
             }
             return true;
         };
@@ -561,26 +550,23 @@ int parse_command_line(const std::vector<std::string>& args, command_line& cl, F
     const auto name = [](std::string& target) {
         return [&target](const std::string& v) { return v.size() <= 255 && (target = v, true); };
     };
-    kv_cli::parser cli("kv-ts-generate", "--rate BITS (--duration TIME | --packets N)",
-                       "Writes a constant-rate test transport stream: one program with PAT, PMT,\n"
-                       "SDT and PCRs at their intervals, payload packets with a counting pattern.");
     cli.option("rate", 0, "BITS", "Line rate: 38M, 5000k, 38000000", kRate,
-               [&](const std::string& v) { return haveRate = parse_rate(v, cl.opt.rate_bps); })
+               [&](const std::string& v) { return seen.rate = parse_rate(v, cl.opt.rate_bps); })
         .option("duration", 0, "TIME", "Stream length, seconds unless a unit (s, ms, us) is given",
                 "a duration (30, 2.5, 500ms)",
                 [&](const std::string& v) {
-                    return haveDuration = parse_time(v, kNsPerSecond, duration_ns) && duration_ns;
+                    return seen.duration = parse_time(v, kNsPerSecond, seen.duration_ns) && seen.duration_ns;
                 })
         .option("packets", 0, "N", "Stream length in packets", "a packet count",
                 [&](const std::string& v) {
-                    return havePackets = parse_uint(v, UINT64_MAX / kPacketSize, cl.opt.packets) &&
+                    return seen.packets = kv_cli::to_uint(v, UINT64_MAX / kPacketSize, cl.opt.packets) &&
                                          cl.opt.packets;
                 })
         .option("pcr-interval", 0, "TIME", "PCR spacing, milliseconds unless a unit is given (30)",
                 kInterval, interval(cl.opt.pcr_interval_ns))
         .option("pcr-start", 0, "TICKS", "PCR of the first packet, 27 MHz ticks (0)",
                 "a PCR below 2^33*300 ticks",
-                [&](const std::string& v) { return parse_uint(v, kPcrWrap - 1, cl.opt.pcr_start); })
+                [&](const std::string& v) { return kv_cli::to_uint(v, kPcrWrap - 1, cl.opt.pcr_start); })
         .option("psi-interval", 0, "TIME",
                 "PAT/PMT/SDT repetition, milliseconds unless a unit is given (100)", kInterval,
                 interval(cl.opt.psi_interval_ns))
@@ -595,7 +581,7 @@ int parse_command_line(const std::vector<std::string>& args, command_line& cl, F
         .option("pmt-pid", 0, "PID", "PMT PID (0x100)", kPid, pid(cl.opt.pmt_pid))
         .option("es-pid", 0, "PID", "Elementary stream PID (0x101)", kPid, pid(cl.opt.es_pid))
         .option("pcr-pid", 0, "PID", "PCR PID (the elementary PID)", kPid,
-                pid(cl.opt.pcr_pid, &havePcrPid))
+                pid(cl.opt.pcr_pid, &seen.pcr_pid))
         .number("stream-type", 0, "N", "stream_type of the elementary stream (0x02)",
                 cl.opt.stream_type, 0, 0xFF)
         .flag("fill-null", 0, cl.opt.fill_null,
@@ -603,29 +589,42 @@ int parse_command_line(const std::vector<std::string>& args, command_line& cl, F
         .option("payload-rate", 0, "BITS", "Elementary stream rate with --fill-null (half the rate)",
                 kRate,
                 [&](const std::string& v) {
-                    return havePayloadRate = parse_rate(v, cl.opt.payload_rate_bps);
+                    return seen.payload_rate = parse_rate(v, cl.opt.payload_rate_bps);
                 })
         .option("output", 'o', "FILE", "Output file, - for standard output (-)", "a file name",
                 [&](const std::string& v) { return !v.empty() && (cl.output = v, true); })
         .flag("quiet", 'q', cl.quiet, "No progress line");
+}
+
+}  // namespace
+
+int parse_command_line(const std::vector<std::string>& args, command_line& cl, FILE* out,
+                       FILE* err) {
+    cl = command_line();
+    cl.output = "-";
+    named_options seen;
+    kv_cli::parser cli("kv-ts-generate", "--rate BITS (--duration TIME | --packets N)",
+                       "Writes a constant-rate test transport stream: one program with PAT, PMT,\n"
+                       "SDT and PCRs at their intervals, payload packets with a counting pattern.");
+    declare_options(cli, cl, seen);
     std::vector<std::string> rest;
     const int usage = cli.parse(args, rest, out, err);
     if (usage >= 0) {
         return usage;
     }
     const char* error = !rest.empty()                   ? "unexpected argument"
-                        : !haveRate                      ? "--rate is required"
-                        : haveDuration == havePackets    ? "give either --duration or --packets"
-                        : havePayloadRate && !cl.opt.fill_null ? "--payload-rate needs --fill-null"
+                        : !seen.rate                      ? "--rate is required"
+                        : seen.duration == seen.packets    ? "give either --duration or --packets"
+                        : seen.payload_rate && !cl.opt.fill_null ? "--payload-rate needs --fill-null"
                                                                : nullptr;
     if (error != nullptr) {
         return cli.usage_error(error, err);
     }
-    if (!havePcrPid) {
+    if (!seen.pcr_pid) {
         cl.opt.pcr_pid = cl.opt.es_pid;
     }
-    if (haveDuration) {
-        cl.opt.packets = packets_for_duration(cl.opt.rate_bps, duration_ns);
+    if (seen.duration) {
+        cl.opt.packets = packets_for_duration(cl.opt.rate_bps, seen.duration_ns);
         if (cl.opt.packets == 0) {
             return cli.usage_error("--duration is shorter than one packet at this rate", err);
         }

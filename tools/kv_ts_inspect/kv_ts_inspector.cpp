@@ -94,10 +94,11 @@ void teletext_pages(json& j, const teletext_descriptor& d) {
     });
 }
 
-// The classes whose fields are written out, by tag; every other descriptor is written as
-// its raw body.
-const std::map<uint8_t, descriptor_view>& descriptor_views() {
-    static const std::map<uint8_t, descriptor_view> views = {
+using descriptor_map = std::map<uint8_t, descriptor_view>;
+
+// MPEG-2 Systems descriptors whose fields are written out.
+descriptor_map mpeg_views() {
+    return {
         {0x02, view<video_stream_descriptor>(
                    "video_stream_descriptor",
                    [](json& j, const video_stream_descriptor& d) {
@@ -140,6 +141,12 @@ const std::map<uint8_t, descriptor_view>& descriptor_views() {
                            o["audio_type"] = e.audio_type;
                        });
                    })},
+    };
+}
+
+// DVB network and service descriptors whose fields are written out.
+descriptor_map dvb_service_views() {
+    return {
         {0x40, view<network_name_descriptor>("network_name_descriptor",
                                              [](json& j, const network_name_descriptor& d) {
                                                  j["network_name"] = dvb_text(d.character);
@@ -164,6 +171,12 @@ const std::map<uint8_t, descriptor_view>& descriptor_views() {
                        j["service_provider_name"] = dvb_text(d.service_provider_name);
                        j["service_name"] = dvb_text(d.service_name);
                    })},
+    };
+}
+
+// The other DVB descriptors whose fields are written out: events, streams, rights.
+descriptor_map dvb_other_views() {
+    return {
         {0x4D, view<short_event_descriptor>(
                    "short_event_descriptor",
                    [](json& j, const short_event_descriptor& d) {
@@ -234,6 +247,18 @@ const std::map<uint8_t, descriptor_view>& descriptor_views() {
                        });
                    })},
     };
+}
+
+// The classes whose fields are written out, by tag; every other descriptor is written as
+// its raw body.
+const descriptor_map& descriptor_views() {
+    static const descriptor_map views = [] {
+        descriptor_map v = mpeg_views();
+        for (const descriptor_map& more : {dvb_service_views(), dvb_other_views()}) {
+            v.insert(more.begin(), more.end());
+        }
+        return v;
+    }();
     return views;
 }
 

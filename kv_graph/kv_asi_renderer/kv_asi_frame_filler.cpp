@@ -258,6 +258,38 @@ uint64_t kv_asi_frame_filler::index_to_time(uint64_t tBegin, uint64_t tEnd, size
     return tBegin + static_cast<uint64_t>(u128{tEnd - tBegin} * nIndex / nSamples);
 }
 
+void kv_asi_frame_filler::keep_for_next_frame(const uint8_t* pCursor, size_t nPending,
+                                              mpegcore::kv_mpegts_items::const_iterator it,
+                                              const mpegcore::kv_mpegts_items& items,
+                                              std::atomic<uint64_t>& nSkipTSPackets) {
+    if (pCursor != nullptr) {
+        // A packet was cut at the end: its rest goes first into the next frame, and
+        // nothing behind it can be sent any more. The cursor may point into the carry
+        // buffer itself when a carried packet did not fit either.
+        const size_t count = static_cast<size_t>(items.end() - it);
+        if (count > 0) {
+            nSkipTSPackets.fetch_add(count, std::memory_order_relaxed);
+            m_print.print("kv_asi_rendere: 1: skip pkt = %zu\n", count);
+        }
+        const size_t n = std::min(nPending, kCarrySize);
+        std::memmove(m_pDataSrc.get(), pCursor, n);
+        m_nSizeSrc = n;
+    } else if (it != items.end()) {
+        // The first packet that found no room is carried whole; the rest are dropped.
+        const mpegcore::kv_mpegts_item& item = **it;
+        if (item.m_pData != nullptr) {
+            const size_t n = std::min(item.m_nLength, kCarrySize);
+            std::memcpy(m_pDataSrc.get(), item.m_pData, n);
+            m_nSizeSrc = n;
+        }
+        const size_t count = static_cast<size_t>(items.end() - it) - 1;
+        if (count > 0) {
+            nSkipTSPackets.fetch_add(count, std::memory_order_relaxed);
+            m_print.print("kv_asi_rendere: 2: skip pkt = %zu\n", count);
+        }
+    }
+}
+
 void kv_asi_frame_filler::fill_asi_data(uint64_t tBegin, uint64_t tEnd, uint8_t* pData,
                                         size_t /*nSize*/, uint64_t nSamples,
                                         const mpegcore::kv_mpegts_items& items,
@@ -312,31 +344,6 @@ void kv_asi_frame_filler::fill_asi_data(uint64_t tBegin, uint64_t tEnd, uint8_t*
         }
     }
 
-    if (pCursor != nullptr) {
-        // A packet was cut at the end: its rest goes first into the next frame, and
-        // nothing behind it can be sent any more. The cursor may point into the carry
-        // buffer itself when a carried packet did not fit either.
-        const size_t count = static_cast<size_t>(items.end() - it);
-        if (count > 0) {
-            nSkipTSPackets.fetch_add(count, std::memory_order_relaxed);
-            m_print.print("kv_asi_rendere: 1: skip pkt = %zu\n", count);
-        }
-        const size_t n = std::min(nPending, kCarrySize);
-        std::memmove(m_pDataSrc.get(), pCursor, n);
-        m_nSizeSrc = n;
-    } else if (it != items.end()) {
-        // The first packet that found no room is carried whole; the rest are dropped.
-        const mpegcore::kv_mpegts_item& item = **it;
-        if (item.m_pData != nullptr) {
-            const size_t n = std::min(item.m_nLength, kCarrySize);
-            std::memcpy(m_pDataSrc.get(), item.m_pData, n);
-            m_nSizeSrc = n;
-        }
-        const size_t count = static_cast<size_t>(items.end() - it) - 1;
-        if (count > 0) {
-            nSkipTSPackets.fetch_add(count, std::memory_order_relaxed);
-            m_print.print("kv_asi_rendere: 2: skip pkt = %zu\n", count);
-        }
-    }
+    keep_for_next_frame(pCursor, nPending, it, items, nSkipTSPackets);
     m_nStuffing = nStuffing;
 }

@@ -65,6 +65,13 @@ public:
     size_t get_stuffing() const { return m_nStuffing; }
 
 private:
+    // After the frame is full: the rest of a cut packet, or else the first item that found
+    // no room, is kept for the next frame; the items behind it are counted as skipped.
+    void keep_for_next_frame(const uint8_t* pCursor, size_t nPending,
+                             mpegcore::kv_mpegts_items::const_iterator it,
+                             const mpegcore::kv_mpegts_items& items,
+                             std::atomic<uint64_t>& nSkipTSPackets);
+
     std::unique_ptr<uint8_t[]> m_pDataSrc;  // carried packet bytes, kCarrySize
     size_t m_nSizeSrc = 0;                  // bytes pending in m_pDataSrc
     size_t m_nStuffing = 0;                 // idle words owed after the last packet

@@ -301,6 +301,31 @@ void kv_v4l2_asi_output_device::stop() {
     m_tRetry = {};
 }
 
+uint32_t kv_v4l2_asi_output_device::frame_of_sequence(uint32_t seq, uint32_t records) {
+    // The first buffer back after priming is the frame after the primed ones,
+    // whatever sequence number the driver gave it; later numbers follow the driver's
+    // sequence. A gap means the driver sent frames of its own in between; a step
+    // back means it restarted its count, and the numbering is taken up again from
+    // this buffer.
+    uint32_t n = m_seq_frame;  // after priming: the next frame
+    if (m_bSeqKnown) {
+        const uint32_t last = n;
+        n = seq + m_nSeqOffset;
+        const int32_t step = static_cast<int32_t>(n - last);
+        if (step > 1) {
+            const uint32_t skipped = static_cast<uint32_t>(step - 1);
+            m_print.print("kv_asi_renderer: skip frame = %u  %u->%u/%u\n", skipped, last, n, records);
+            m_nSkipFrame += skipped;
+        } else if (step < 1) {
+            n = last + 1;
+        }
+    }
+    m_nSeqOffset = n - seq;
+    m_bSeqKnown = true;
+    m_seq_frame = n;
+    return n;
+}
+
 bool kv_v4l2_asi_output_device::map(uint64_t& tBegin, uint64_t& tEnd, uint8_t** pData,
                                     uint64_t& nSize) {
     m_bWaited = false;
@@ -354,28 +379,7 @@ bool kv_v4l2_asi_output_device::map(uint64_t& tBegin, uint64_t& tEnd, uint8_t** 
             rec->buf.m.planes = rec->planes;
         }
 
-        // The first buffer back after priming is the frame after the primed ones,
-        // whatever sequence number the driver gave it; later numbers follow the driver's
-        // sequence. A gap means the driver sent frames of its own in between; a step
-        // back means it restarted its count, and the numbering is taken up again from
-        // this buffer.
-        const uint32_t seq = m_cur_buffer.sequence;
-        uint32_t n = m_seq_frame;  // after priming: the next frame
-        if (m_bSeqKnown) {
-            const uint32_t last = n;
-            n = seq + m_nSeqOffset;
-            const int32_t step = static_cast<int32_t>(n - last);
-            if (step > 1) {
-                const uint32_t skipped = static_cast<uint32_t>(step - 1);
-                m_print.print("kv_asi_renderer: skip frame = %u  %u->%u/%u\n", skipped, last, n, records);
-                m_nSkipFrame += skipped;
-            } else if (step < 1) {
-                n = last + 1;
-            }
-        }
-        m_nSeqOffset = n - seq;
-        m_bSeqKnown = true;
-        m_seq_frame = n;
+        const uint32_t n = frame_of_sequence(m_cur_buffer.sequence, records);
         m_nFramesAhead = records - 1;
         tBegin = frame_to_unit(n);
         tEnd = frame_to_unit(n + 1);

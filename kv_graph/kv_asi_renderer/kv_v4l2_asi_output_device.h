@@ -110,6 +110,9 @@ public:
 
     bool set_video_format(int fd);
     bool mmap_buffers(int fd);
+    // The frame number of a buffer the driver handed back with sequence number `seq`,
+    // counting skipped frames (gaps in the driver's count).
+    uint32_t frame_of_sequence(uint32_t seq, uint32_t records);
     // Queries and maps buffer i of count into a new record; false (record dropped) when the
     // driver refuses the query. A failed mapping leaves the record without data.
     bool map_buffer(int fd, uint32_t i, uint32_t count, size_t limit);

@@ -16,6 +16,30 @@ constexpr uint64_t kFourDataWords = 0x100ull | 0x100ull << 10 | 0x100ull << 20 |
 
 }  // namespace
 
+namespace {
+
+// The first non-zero byte from `off` on, or nEnd: zero bytes are skipped in blocks, then
+// eight at a time, then one by one.
+inline size_t next_non_zero(const uint8_t* pData, size_t off, size_t nEnd) {
+    while (off + sizeof(kZeros) <= nEnd && memcmp(pData + off, kZeros, sizeof(kZeros)) == 0) {
+        off += sizeof(kZeros);
+    }
+    while (off + 8 <= nEnd) {
+        uint64_t x;
+        memcpy(&x, pData + off, 8);
+        if (x != 0) {
+            break;
+        }
+        off += 8;
+    }
+    while (off < nEnd && pData[off] == 0) {
+        ++off;
+    }
+    return off;
+}
+
+}  // namespace
+
 void line_decoder::frame(const uint8_t* pData, size_t nBytes, uint64_t nFirstWord) {
     if (nBytes > kBytesPerFrame) {
         nBytes = kBytesPerFrame;
@@ -30,24 +54,8 @@ void line_decoder::frame(const uint8_t* pData, size_t nBytes, uint64_t nFirstWor
     size_t g = 0;
     while (g < nGroups) {
         if (!bIn) {
-            // Between packets the line is mostly idle words: skip zero bytes in blocks,
-            // then eight at a time, up to the group holding the next non-zero one.
-            size_t off = g * 5;
-            while (off + sizeof(kZeros) <= nEnd &&
-                   memcmp(pData + off, kZeros, sizeof(kZeros)) == 0) {
-                off += sizeof(kZeros);
-            }
-            while (off + 8 <= nEnd) {
-                uint64_t x;
-                memcpy(&x, pData + off, 8);
-                if (x != 0) {
-                    break;
-                }
-                off += 8;
-            }
-            while (off < nEnd && pData[off] == 0) {
-                ++off;
-            }
+            // Between packets the line is mostly idle words.
+            const size_t off = next_non_zero(pData, g * 5, nEnd);
             if (off >= nEnd) {
                 break;
             }

@@ -514,6 +514,52 @@ void kv_asi_process_renderer::watch_rate() {
     }
 }
 
+std::chrono::milliseconds kv_asi_process_renderer::after_map_failed(
+    std::chrono::milliseconds& errorWait) {
+    // Nothing handed back yet, or a fault being retried: look again soon. A
+    // failing driver is asked again less and less often, up to once a second.
+    if (m_pDevice->map_waited()) {
+        return kPollInterval;
+    }
+    if (m_pDevice->is_open() || m_pDevice->is_gone()) {
+        m_print.print("kv_asi_renderer: m_pDevice->map() ERROR\n");
+    }
+    errorWait = std::min(kMaxRetryInterval, std::max(kPollInterval, errorWait * 2));
+    if (m_pDevice->is_gone() || !m_pDevice->is_open()) {
+        if (!m_watch.bGone) {
+            m_watch.bGone = true;
+            const int nErrno = m_pDevice->is_open() ? m_pDevice->get_errno() : ENODEV;
+            report(kv_asi_level::warning, kv_asi_topic::device_gone,
+                   "The ASI device " + m_strDeviceName + " went away (" +
+                       kv_errno_text(nErrno) +
+                       "); it is opened again as soon as it is back",
+                   kv_errno_hint(nErrno), nErrno);
+        }
+        // A node that went away is looked for once a second.
+        errorWait = kMaxRetryInterval;
+        reopen_device();
+    } else if (logs(kv_asi_level::debug)) {
+        report(kv_asi_level::debug, kv_asi_topic::device_fault,
+               "device not ready (" + m_pDevice->get_error() + "); next try in " +
+                   std::to_string(errorWait.count()) + " ms");
+    }
+    return errorWait;
+}
+
+void kv_asi_process_renderer::check_underflow(int64_t nFullness, bool bQuiet) {
+    // Running dry: at most 1 % of the latency left. Checked on every pass, also
+    // while the FIFO is filling up again, but not once the stream has ended.
+    if (nFullness <= m_nLatency / 100 && !bQuiet) {
+        m_alarmDispatcher.fifo_underflow_event();
+        if (m_watch.underflow.begins(std::chrono::steady_clock::now())) {
+            report(kv_asi_level::warning, kv_asi_topic::alarm,
+                   "Output buffer underflow: the FIFO holds less than 1 % of the latency; "
+                   "the underflow alarm was raised",
+                   "the input is late or has stopped");
+        }
+    }
+}
+
 void kv_asi_process_renderer::work_thread(std::future<void>&& fExit) {
     using steady = std::chrono::steady_clock;
     const steady::time_point t0 = steady::now();
@@ -550,17 +596,7 @@ void kv_asi_process_renderer::work_thread(std::future<void>&& fExit) {
 
         const int64_t nFullness = m_fifo.get_fullness();
         m_statistics.set_fullnes_fifo_time(static_cast<uint64_t>(std::max<int64_t>(nFullness, 0)));
-        // Running dry: at most 1 % of the latency left. Checked on every pass, also
-        // while the FIFO is filling up again, but not once the stream has ended.
-        if (nFullness <= m_nLatency / 100 && !bWarmUp && !bHold && !bEos) {
-            m_alarmDispatcher.fifo_underflow_event();
-            if (m_watch.underflow.begins(steady::now())) {
-                report(kv_asi_level::warning, kv_asi_topic::alarm,
-                       "Output buffer underflow: the FIFO holds less than 1 % of the latency; "
-                       "the underflow alarm was raised",
-                       "the input is late or has stopped");
-            }
-        }
+        check_underflow(nFullness, bWarmUp || bHold || bEos);
         watch(bEos);
         if (!check_fifo()) {
             wait = kPollInterval;
@@ -580,36 +616,7 @@ void kv_asi_process_renderer::work_thread(std::future<void>&& fExit) {
         uint64_t nSize = 0;
         uint8_t* pData = nullptr;
         if (!provider.map(tBegin, tEnd, &pData, nSize)) {
-            // Nothing handed back yet, or a fault being retried: look again soon. A
-            // failing driver is asked again less and less often, up to once a second.
-            if (m_pDevice->map_waited()) {
-                wait = kPollInterval;
-                continue;
-            }
-            if (m_pDevice->is_open() || m_pDevice->is_gone()) {
-                m_print.print("kv_asi_renderer: m_pDevice->map() ERROR\n");
-            }
-            errorWait = std::min(kMaxRetryInterval, std::max(kPollInterval, errorWait * 2));
-            wait = errorWait;
-            if (m_pDevice->is_gone() || !m_pDevice->is_open()) {
-                if (!m_watch.bGone) {
-                    m_watch.bGone = true;
-                    const int nErrno = m_pDevice->is_open() ? m_pDevice->get_errno() : ENODEV;
-                    report(kv_asi_level::warning, kv_asi_topic::device_gone,
-                           "The ASI device " + m_strDeviceName + " went away (" +
-                               kv_errno_text(nErrno) +
-                               "); it is opened again as soon as it is back",
-                           kv_errno_hint(nErrno), nErrno);
-                }
-                // A node that went away is looked for once a second.
-                errorWait = kMaxRetryInterval;
-                wait = errorWait;
-                reopen_device();
-            } else if (logs(kv_asi_level::debug)) {
-                report(kv_asi_level::debug, kv_asi_topic::device_fault,
-                       "device not ready (" + m_pDevice->get_error() + "); next try in " +
-                           std::to_string(errorWait.count()) + " ms");
-            }
+            wait = after_map_failed(errorWait);
             continue;
         }
         if (errorWait.count() > 0 || m_watch.bFaulty) {

@@ -187,6 +187,13 @@ private:
     // Output thread, every pass: turns what the device, the fill and the stream did since
     // the last pass into statistics, alarms and messages.
     void watch(bool bEos);
+    // Output thread, when the device handed no buffer back: reports a node gone (and
+    // reopens it) or a fault, grows errorWait up to once a second and returns how long to
+    // wait before the next try.
+    std::chrono::milliseconds after_map_failed(std::chrono::milliseconds& errorWait);
+    // Running dry: at most 1 % of the latency left. Not while warming up, paused, flushing
+    // or after the end of the stream (`bQuiet`).
+    void check_underflow(int64_t nFullness, bool bQuiet);
     // Device faults and skipped frames or packets.
     void watch_device(std::chrono::steady_clock::time_point now);
     // Data that arrives but cannot be timed (no PCR, no usable stamp).

@@ -27,6 +27,10 @@ public:
     // Size in the section: the 6 fixed bytes and the descriptors.
     uint16_t getSize() const { return static_cast<uint16_t>(6 + descriptors.getSize()); }
 
+    // transport_descriptors_length is written as it stands, not recomputed.
+    template <class IO>
+    bool fields(IO& io);
+
     uint16_t transport_stream_id = 0;           // 16 bits
     uint16_t original_network_id = 0;           // 16
     uint8_t reserved_future_use = 0;            // 4
@@ -38,8 +42,10 @@ public:
 //
 // The transport descriptors of every entry are read into the table's own `descriptors`,
 // behind the bouquet descriptors, and the entries' lists stay empty: consumers find all
-// descriptors of a section in `descriptors`. The entries are owned by the table.
-class CBAT : public CLongSectionTable {
+// descriptors of a section in `descriptors`. The entries are owned by the table. The
+// transport stream loop is bounded by transport_stream_loop_length alone: fewer than 6
+// bytes left in it end it.
+class CBAT : public table_of<CBAT, CLongSectionTable> {
 public:
     using StreamList = std::list<CBouquetAssociationStream*>;
 
@@ -48,23 +54,20 @@ public:
 
     // Deletes the entries, empties the descriptors and the scratch buffer.
     void Clear() override;
-    // Refuses an incomplete section, one with a bad CRC and one whose descriptor loops run
-    // past the data or hold a descriptor that is refused. The table id is not checked.
-    // Fields read before a refusal stay as read.
+    // As every table reads, the transport descriptors then moved into `descriptors`.
     bool read(KVSDK::KVBSReader& r) override;
-    // 13 + the descriptors + every entry's size.
-    uint16_t calc_section_length() override;
+
+    template <class IO>
+    bool fields(IO& io);
+
     // Sum of the entries' sizes (6 + their own descriptors each).
     uint16_t calc_transport_stream_loop_length() const;
 
-    // Writes the section into the scratch buffer: the common header (section_length from
-    // calc_section_length()), the header fields, bouquet_descriptors_length and
-    // transport_stream_loop_length recomputed and stored back, the entries with their
-    // stored transport_descriptors_length and their own descriptors, and the CRC if it
-    // still fits. Fields that do not fit the buffer are dropped. Returns true when the
-    // whole section fitted.
-    bool RenderTable();
-
+    // Writes the section into the scratch buffer, as write() does: all descriptors as
+    // bouquet descriptors, the entries with their stored transport_descriptors_length and
+    // their own (normally empty) descriptors. The CRC is left out when it does not fit.
+    // Returns true when the whole section fitted.
+    bool RenderTable() { return render_into_buffer(); }
     // Copies the header fields, the descriptors, the CRC and appends a copy of every entry
     // to the target's list (which is not emptied first). The target's
     // transport_stream_loop_length counts the appended entries only; its section_length is
@@ -83,7 +86,8 @@ public:
 
 private:
     void deleteStreams();
-    uint16_t section_length_of_contents() const;
 };
+
+extern template class table_of<CBAT, CLongSectionTable>;
 
 }  // namespace mpegcore

@@ -24,6 +24,13 @@ public:
     uint16_t getPID() const { return map_PID.program_map_PID; }
     bool isNetwork() const { return program_number == 0; }
 
+    // Its layout in the PAT (see table_io.h).
+    template <class IO>
+    bool fields(IO& io) {
+        return io("program_number", program_number, 16) && io.reserved(reserved, 3) &&
+               io(isNetwork() ? "network_PID" : "program_map_PID", map_PID.program_map_PID, 13);
+    }
+
     uint16_t program_number = 0;  // 16 bits
     uint8_t reserved = 0;         // 3
     MAP_PID map_PID;              // 13

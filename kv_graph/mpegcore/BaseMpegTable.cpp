@@ -125,15 +125,6 @@ bool CBaseMpegTable::read_section_header(KVSDK::KVBSReader& r) {
     return crc32_mpeg2(start, kHeaderSize + section_length) == 0;
 }
 
-bool CBaseMpegTable::write_crc(KVSDK::KVBSWriter& w, const uint8_t* section_start, uint32_t& crc) {
-    w.flush();
-    const uint8_t* end = w.getData();
-    crc = crc32_mpeg2(section_start, static_cast<size_t>(end - section_start));
-    const bool ok = w.putBits<uint32_t>(crc, 32);
-    w.flush();
-    return ok;
-}
-
 bool read_descriptor_loop(KVSDK::KVBSReader& r, uint16_t length, KVDescriptorList& list,
                           bool lenient) {
     if (length == 0) {

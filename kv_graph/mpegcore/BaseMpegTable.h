@@ -82,18 +82,8 @@ protected:
     // the header. Returns false for an incomplete or corrupt section.
     bool read_section_header(KVSDK::KVBSReader& r);
 
-    // Body bytes left in front of the CRC, counted from the reader's position (on a byte
-    // boundary) in the section that read_section_header() accepted last. Negative once the
-    // reader has passed the CRC, as it does behind a loop length that overshoots the
-    // section; each table's loops run while this leaves room for one more entry.
-    int32_t body_length(const KVSDK::KVBSReader& r) const {
-        return static_cast<int32_t>(m_pSectionEnd - r.getData()) - kCrcSize;
-    }
-
-    // Ends a section that was started at `section_start` (the writer's data pointer, after
-    // a flush, before the header was written): flushes the writer, writes the CRC of all
-    // bytes from there, stores it in `crc` and flushes again. False when it did not fit.
-    static bool write_crc(KVSDK::KVBSWriter& w, const uint8_t* section_start, uint32_t& crc);
+    // One past the last byte of the section that read_section_header() accepted last.
+    const uint8_t* section_end() const { return m_pSectionEnd; }
 
     // Copies the common header fields (not the scratch buffer).
     void copyHeaderTo(CBaseMpegTable& to) const;
@@ -105,9 +95,44 @@ protected:
     bool m_bSelfAlloc = false;
 
 private:
-    static constexpr int32_t kCrcSize = 4;
     // One past the last byte of the section being read; only meaningful inside read().
     const uint8_t* m_pSectionEnd = nullptr;
+};
+
+class table_view;
+
+// Mechanics shared by every table class.
+//
+// T describes what follows its section_length once, as `template <class IO> bool
+// fields(IO& io)`, a run of calls on `io` in wire order (see table_io.h); reading, writing,
+// the section length and the views are all driven by that one description, so they cannot
+// disagree. B is the class T extends. The members are defined in table_io.h and
+// instantiated once per class in the table sources.
+template <class T, class B = CBaseMpegTable>
+class table_of : public B {
+public:
+    using B::B;
+
+    // Refuses an incomplete section or one with a bad CRC (the table id is not checked),
+    // and one whose fields refuse (a descriptor loop that runs past the data, ...).
+    bool read(KVSDK::KVBSReader& r) override;
+    // Writes the whole section behind the writer's position, CRC included: section_length
+    // and every length and count field are recomputed from what they count and stored
+    // back. Fields that do not fit are dropped; returns true when all fitted.
+    bool write(KVSDK::KVBSWriter& w) override;
+    // The bytes the fields and the CRC take.
+    uint16_t calc_section_length() override { return fields_length(); }
+    // table_id, section_syntax_indicator and section_length, then the fields by name.
+    void view(table_view& v) const;
+
+protected:
+    uint16_t fields_length() const;
+    // Writes the section as write() does into the scratch buffer, where
+    // GetBuffer()/GetSizeBuffer() then hold it; the CRC is left out when it does not fit.
+    bool render_into_buffer();
+
+private:
+    bool write_section(KVSDK::KVBSWriter& w, const uint8_t* start, size_t capacity, size_t& size);
 };
 
 // Two tables of one type: the one being parsed and the last complete one, so that the

@@ -10,27 +10,23 @@ namespace mpegcore {
 
 // A section that is a header followed by one descriptor loop and the CRC: the CAT (CA
 // descriptors) and the TSDT (transport stream descriptors) share this layout and all of
-// its handling; they differ only in their copyTo.
-class CDescriptorLoopTable : public CBaseMpegTable {
+// its handling; they differ only in their copyTo. The loop runs up to the CRC; a
+// descriptor refused inside it ends it without refusing the section.
+class CDescriptorLoopTable : public table_of<CDescriptorLoopTable> {
 public:
-    explicit CDescriptorLoopTable(uint8_t* buffer = nullptr, unsigned long size = 1024);
+    explicit CDescriptorLoopTable(uint8_t* buffer = nullptr, unsigned long size = 1024)
+        : table_of(buffer, size) {}
     ~CDescriptorLoopTable() override = default;
 
     // Empties the descriptors and the scratch buffer.
     void Clear() override;
-    // Refuses an incomplete section and one with a bad CRC (the table id is not checked),
-    // and one whose descriptor loop (section_length - 9 bytes) runs past the data. A
-    // descriptor refused inside the loop is not a refusal. Fields that run past the
-    // reader's data read as 0.
-    bool read(KVSDK::KVBSReader& r) override;
-    // The descriptors' size + 9.
-    uint16_t calc_section_length() override;
+    template <class IO>
+    bool fields(IO& io);
 
-    // Writes the section into the scratch buffer: the common header (section_length from
-    // calc_section_length()), the header fields, the descriptors and the CRC if it still
-    // fits. GetBuffer()/GetSizeBuffer() then hold the section. Returns true when the whole
-    // section, CRC included, fitted.
-    bool RenderTable();
+    // Writes the section into the scratch buffer, as write() does; GetBuffer()/
+    // GetSizeBuffer() then hold it. Returns true when the whole section, CRC included,
+    // fitted.
+    bool RenderTable() { return render_into_buffer(); }
 
     uint32_t reserved1 = 0;              // 18 bits
     uint8_t version_number = 0;          // 5
@@ -45,5 +41,7 @@ protected:
     // section_length is left for the caller to set.
     void copyLoopTableTo(CDescriptorLoopTable& to) const;
 };
+
+extern template class table_of<CDescriptorLoopTable>;
 
 }  // namespace mpegcore

@@ -4,14 +4,14 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "mpegcore/table_io.h"
+
 namespace mpegcore {
 
 namespace {
 
 // Fields after section_length up to the event loop (11 bytes) and the CRC.
 constexpr int kFixedLength = 15;
-// event_id, start_time, duration, the flags and descriptors_loop_length.
-constexpr int kEventHeaderSize = 12;
 
 // The decimal digits of `value` read as hexadecimal digits: 59 becomes 0x59.
 uint64_t decimal_as_bcd(unsigned value) {
@@ -30,27 +30,27 @@ int bcd_as_decimal(unsigned value) {
 
 }  // namespace
 
-bool CEventInfo::read(KVSDK::KVBSReader& r) {
-    event_id = static_cast<uint16_t>(r.getBits(16));
-    start_time = r.getBits(40);
-    duration = static_cast<uint32_t>(r.getBits(24));
-    running_status = static_cast<uint8_t>(r.getBits(3));
-    free_CA_mode = static_cast<uint8_t>(r.getBits(1));
-    descriptors_loop_length = static_cast<uint16_t>(r.getBits(12));
-    descriptors.clear();
-    return read_descriptor_loop(r, descriptors_loop_length, descriptors, true);
+template <class IO>
+bool CEventInfo::fields(IO& io) {
+    return io("event_id", event_id, 16) && io.time("start_time", start_time) &&
+           io.duration("duration", duration) && io("running_status", running_status, 3) &&
+           io("free_CA_mode", free_CA_mode, 1) &&
+           io.length("descriptors_loop_length", descriptors_loop_length, 12,
+                     [&] { return descriptors.getSize(); }) &&
+           io.descriptors("descriptors", descriptors, descriptors_loop_length, true);
 }
 
-bool CEventInfo::write(KVSDK::KVBSWriter& w) {
-    bool ok = w.putBits<uint16_t>(event_id, 16);
-    ok = w.putBits<uint64_t>(start_time & 0xFFFFFFFFFFull, 40) && ok;
-    ok = w.putBits<uint32_t>(duration & 0xFFFFFF, 24) && ok;
-    ok = w.putBits<uint8_t>(running_status & 7, 3) && ok;
-    ok = w.putBits<uint8_t>(free_CA_mode & 1, 1) && ok;
-    ok = w.putBits<uint16_t>(descriptors_loop_length & 0x0FFF, 12) && ok;
-    ok = descriptors.write(w) && ok;
-    return ok;
+template <class IO>
+bool CEIT::fields(IO& io) {
+    return long_header(io, "service_id", service_id) &&
+           io("transport_stream_id", transport_stream_id, 16) &&
+           io("original_network_id", original_network_id, 16) &&
+           io("segment_last_section_number", segment_last_section_number, 8) &&
+           io("last_table_id", last_table_id, 8) && io.entries("events", eventInfo, 12) &&
+           io.crc(CRC);
 }
+
+template class table_of<CEIT, CLongSectionTable>;
 
 void CEventInfo::copyTo(CEventInfo& to) const {
     if (&to == this) {
@@ -109,70 +109,9 @@ time_t CEventInfo::start_time_to_time_t(uint64_t start_time) {
     return timegm(&broken);
 }
 
-CEIT::CEIT(uint8_t* buffer, size_t size) : CLongSectionTable(buffer, size) {}
-
 void CEIT::Clear() {
     eventInfo.clear();
     CBaseMpegTable::Clear();
-}
-
-bool CEIT::read(KVSDK::KVBSReader& r) {
-    if (!read_section_header(r)) {
-        return false;
-    }
-    service_id = read_long_header(r);
-    transport_stream_id = static_cast<uint16_t>(r.getBits(16));
-    original_network_id = static_cast<uint16_t>(r.getBits(16));
-    segment_last_section_number = static_cast<uint8_t>(r.getBits(8));
-    last_table_id = static_cast<uint8_t>(r.getBits(8));
-
-    eventInfo.clear();
-    // Fewer than 12 bytes cannot hold an event and end the loop, as does a descriptor loop
-    // that overshoots the section.
-    while (body_length(r) >= kEventHeaderSize) {
-        auto event = std::make_shared<CEventInfo>();
-        if (!event->read(r)) {
-            return false;
-        }
-        eventInfo.push_back(std::move(event));
-    }
-    CRC = static_cast<uint32_t>(r.getBits(32));
-    return true;
-}
-
-uint16_t CEIT::calc_section_length() {
-    size_t length = kFixedLength;
-    for (const auto& event : eventInfo) {
-        length += event->getSize();
-    }
-    return static_cast<uint16_t>(length);
-}
-
-bool CEIT::write_section(KVSDK::KVBSWriter& w, const uint8_t* start, size_t capacity,
-                         size_t& size) {
-    bool ok = CBaseMpegTable::write(w);
-    ok = write_long_header(w, service_id) && ok;
-    ok = w.putBits<uint16_t>(transport_stream_id, 16) && ok;
-    ok = w.putBits<uint16_t>(original_network_id, 16) && ok;
-    ok = w.putBits<uint8_t>(segment_last_section_number, 8) && ok;
-    ok = w.putBits<uint8_t>(last_table_id, 8) && ok;
-    for (const auto& event : eventInfo) {
-        ok = event->write(w) && ok;
-    }
-    ok = finish_rendered_section(w, start, capacity, section_length, CRC, size) && ok;
-    return ok;
-}
-
-bool CEIT::write(KVSDK::KVBSWriter& w) {
-    w.flush();
-    size_t size = 0;
-    return write_section(w, w.getData(), w.getLength(), size);
-}
-
-bool CEIT::RenderTable() {
-    const size_t capacity = m_pDataTable != nullptr ? m_lMaxSize : 0;
-    KVSDK::KVBSWriter w(m_pDataTable, capacity);
-    return write_section(w, m_pDataTable, capacity, m_lSizeTable);
 }
 
 void CEIT::copyTo(CEIT* target) const {

@@ -22,12 +22,10 @@ public:
     CEventInfo(const CEventInfo&) = delete;
     CEventInfo& operator=(const CEventInfo&) = delete;
 
-    // Reads the 12-byte event header and the descriptor loop behind it. Fails when the loop
-    // runs past the data; a descriptor refused inside the loop is not a failure.
-    bool read(KVSDK::KVBSReader& r);
-    // Writes the event header with descriptors_loop_length as it stands (not recomputed)
-    // and the descriptors. False when the writer ran out of room.
-    bool write(KVSDK::KVBSWriter& w);
+    // A descriptor refused inside the event's loop ends the loop without refusing the
+    // section; a loop that runs past the data refuses it.
+    template <class IO>
+    bool fields(IO& io);
     // Copies the scalar fields and a deep copy of the descriptors; the target's
     // descriptors_loop_length becomes the copied list's size.
     void copyTo(CEventInfo& to) const;
@@ -59,33 +57,23 @@ public:
 };
 
 // One section of an Event Information Table: present/following or schedule, of the actual
-// or of another transport stream. Events are kept in section order.
-class CEIT : public CLongSectionTable {
+// or of another transport stream. Events are kept in section order; they are read while at
+// least 12 bytes are left in front of the CRC.
+class CEIT : public table_of<CEIT, CLongSectionTable> {
 public:
     using EventList = std::list<std::shared_ptr<CEventInfo>>;
 
-    explicit CEIT(uint8_t* buffer = nullptr, size_t size = 1024);
+    explicit CEIT(uint8_t* buffer = nullptr, size_t size = 1024) : table_of(buffer, size) {}
     ~CEIT() override = default;
 
     // Empties the events and the scratch buffer.
     void Clear() override;
-    // Refuses an incomplete section, one with a bad CRC (the table id is not checked) and
-    // one with an event whose descriptor loop runs past the data. Events are read while at
-    // least 12 bytes of the event loop (section_length - 15) are left.
-    bool read(KVSDK::KVBSReader& r) override;
-    // Writes the whole section behind the writer's position: the common header
-    // (section_length from calc_section_length()), the header fields, every event as
-    // CEventInfo::write() writes it, and the CRC over the section's first
-    // section_length - 1 bytes if four bytes of room are left. Returns true when the whole
-    // section, CRC included, fitted.
-    bool write(KVSDK::KVBSWriter& w) override;
-    // 15 + the size of every event, counted from its descriptors.
-    uint16_t calc_section_length() override;
+    template <class IO>
+    bool fields(IO& io);
 
     // Writes the section as write() does into the scratch buffer;
     // GetBuffer()/GetSizeBuffer() then hold it.
-    bool RenderTable();
-
+    bool RenderTable() { return render_into_buffer(); }
     // Copies the header fields and the CRC into `target` and appends a deep copy of every
     // event to the target's events, whose earlier events stay. The target's section_length
     // counts this table's events only. A null target (or this table itself) is ignored.
@@ -99,11 +87,8 @@ public:
     uint8_t last_table_id = 0;                // 8
     EventList eventInfo;
     uint32_t CRC = 0;
-
-private:
-    // Writes the section through `w`, which was positioned at `start` with `capacity`
-    // bytes of room; `size` receives the section's size.
-    bool write_section(KVSDK::KVBSWriter& w, const uint8_t* start, size_t capacity, size_t& size);
 };
+
+extern template class table_of<CEIT, CLongSectionTable>;
 
 }  // namespace mpegcore

@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "kvcore/kv_bitstream.h"
 #include "mpegcore/BaseMpegTable.h"
 
 namespace mpegcore {
@@ -24,10 +23,15 @@ public:
     uint8_t last_section_number = 0;     // 8
 
 protected:
-    // Reads the extended header at the reader's position; returns the table's id.
-    uint16_t read_long_header(KVSDK::KVBSReader& r);
-    // Writes the extended header with `id`; false when the writer ran out of room.
-    bool write_long_header(KVSDK::KVBSWriter& w, uint16_t id) const;
+    // The extended header in a table's fields(), behind the table's own id.
+    template <class IO>
+    bool long_header(IO& io, const char* id_name, uint16_t& id) {
+        return io(id_name, id, 16) && io.reserved(reserved1, 2) &&
+               io("version_number", version_number, 5) &&
+               io("current_next_indicator", current_next_indicator, 1) &&
+               io("section_number", section_number, 8) &&
+               io("last_section_number", last_section_number, 8);
+    }
     // Copies the fields after the id (reserved1 .. last_section_number).
     void copy_versions_to(CLongSectionTable& to) const;
     bool same_versions(const CLongSectionTable& other) const;

@@ -1,16 +1,34 @@
 #include "mpegcore/NIT.h"
 
+#include "mpegcore/table_io.h"
+
 namespace mpegcore {
 
-namespace {
+template <class IO>
+bool CBaseTransportStream::fields(IO& io) {
+    return io("transport_stream_id", transport_stream_id, 16) &&
+           io("original_network_id", original_network_id, 16) &&
+           io.reserved(reserved_future_use, 4) &&
+           io.length("transport_descriptors_length", network_descriptors_length, 12,
+                     [&] { return descriptors.getSize(); }) &&
+           io.descriptors("descriptors", descriptors, network_descriptors_length);
+}
 
-// Fields after section_length up to the network descriptors (7 bytes),
-// transport_stream_loop_length (2) and the CRC (4).
-constexpr int kFixedLength = 13;
-// transport_stream_id, original_network_id and the descriptors' length.
-constexpr int kStreamHeaderSize = 6;
+template <class IO>
+bool CNIT::fields(IO& io) {
+    return long_header(io, "network_id", network_id) && io.reserved(reserved_future_use, 4) &&
+           io.length("network_descriptors_length", network_descriptors_length, 12,
+                     [&] { return descriptors.getSize(); }) &&
+           io.descriptors("descriptors", descriptors, network_descriptors_length) &&
+           io.reserved(reserved_future_use1, 4) &&
+           io.length("transport_stream_loop_length", transport_stream_loop_length, 12,
+                     [&] { return calc_transport_stream_loop_length(); }) &&
+           io.entries_within("transport_streams", transport_stream, transport_stream_loop_length,
+                             6) &&
+           io.crc(CRC);
+}
 
-}  // namespace
+template class table_of<CNIT, CLongSectionTable>;
 
 void CBaseTransportStream::copyTo(CBaseTransportStream& to) const {
     to.transport_stream_id = transport_stream_id;
@@ -20,46 +38,10 @@ void CBaseTransportStream::copyTo(CBaseTransportStream& to) const {
     to.network_descriptors_length = to.descriptors.getSize();
 }
 
-CNIT::CNIT(uint8_t* buffer, size_t size) : CLongSectionTable(buffer, size) {}
-
 void CNIT::Clear() {
     transport_stream.clear();
     descriptors.clear();
     CBaseMpegTable::Clear();
-}
-
-bool CNIT::read(KVSDK::KVBSReader& r) {
-    if (!read_section_header(r)) {
-        return false;
-    }
-    network_id = read_long_header(r);
-    reserved_future_use = static_cast<uint8_t>(r.getBits(4));
-    network_descriptors_length = static_cast<uint16_t>(r.getBits(12));
-
-    descriptors.clear();
-    transport_stream.clear();
-    if (!read_descriptor_loop(r, network_descriptors_length, descriptors)) {
-        return false;
-    }
-    reserved_future_use1 = static_cast<uint8_t>(r.getBits(4));
-    transport_stream_loop_length = static_cast<uint16_t>(r.getBits(12));
-
-    // Fewer than 6 bytes left cannot hold a transport stream and end the loop.
-    int32_t remaining = transport_stream_loop_length;
-    while (remaining > 5) {
-        auto stream = std::make_shared<CBaseTransportStream>();
-        stream->transport_stream_id = static_cast<uint16_t>(r.getBits(16));
-        stream->original_network_id = static_cast<uint16_t>(r.getBits(16));
-        stream->reserved_future_use = static_cast<uint8_t>(r.getBits(4));
-        stream->network_descriptors_length = static_cast<uint16_t>(r.getBits(12));
-        if (!read_descriptor_loop(r, stream->network_descriptors_length, stream->descriptors)) {
-            return false;
-        }
-        remaining -= stream->network_descriptors_length + kStreamHeaderSize;
-        transport_stream.push_back(std::move(stream));
-    }
-    CRC = static_cast<uint32_t>(r.getBits(32));
-    return true;
 }
 
 uint16_t CNIT::calc_transport_stream_loop_length() const {
@@ -68,39 +50,6 @@ uint16_t CNIT::calc_transport_stream_loop_length() const {
         length += stream->getSize();
     }
     return static_cast<uint16_t>(length);
-}
-
-uint16_t CNIT::section_length_of_contents() const {
-    return static_cast<uint16_t>(kFixedLength + descriptors.getSize() +
-                                 calc_transport_stream_loop_length());
-}
-
-uint16_t CNIT::calc_section_length() {
-    return section_length_of_contents();
-}
-
-bool CNIT::RenderTable() {
-    const size_t capacity = m_pDataTable != nullptr ? m_lMaxSize : 0;
-    KVSDK::KVBSWriter w(m_pDataTable, capacity);
-    bool ok = write(w);
-    ok = write_long_header(w, network_id) && ok;
-    ok = w.putBits<uint8_t>(reserved_future_use & 0xF, 4) && ok;
-    network_descriptors_length = descriptors.getSize();
-    ok = w.putBits<uint16_t>(network_descriptors_length & 0x0FFF, 12) && ok;
-    ok = descriptors.write(w) && ok;
-    ok = w.putBits<uint8_t>(reserved_future_use1 & 0xF, 4) && ok;
-    transport_stream_loop_length = calc_transport_stream_loop_length();
-    ok = w.putBits<uint16_t>(transport_stream_loop_length & 0x0FFF, 12) && ok;
-    for (const auto& stream : transport_stream) {
-        ok = w.putBits<uint16_t>(stream->transport_stream_id, 16) && ok;
-        ok = w.putBits<uint16_t>(stream->original_network_id, 16) && ok;
-        ok = w.putBits<uint8_t>(stream->reserved_future_use & 0xF, 4) && ok;
-        ok = w.putBits<uint16_t>(stream->descriptors.getSize() & 0x0FFF, 12) && ok;
-        ok = stream->descriptors.write(w) && ok;
-    }
-    ok =
-        finish_rendered_section(w, m_pDataTable, capacity, section_length, CRC, m_lSizeTable) && ok;
-    return ok;
 }
 
 void CNIT::copyTo(CNIT* target) const {
@@ -125,7 +74,7 @@ void CNIT::copyTo(CNIT* target) const {
         target->transport_stream.push_back(std::move(stream));
     }
     target->CRC = CRC;
-    target->section_length = section_length_of_contents();
+    target->section_length = fields_length();
 }
 
 }  // namespace mpegcore

@@ -26,6 +26,9 @@ public:
     // Size in the section: the 6 fixed bytes and the descriptors.
     uint16_t getSize() const { return static_cast<uint16_t>(6 + descriptors.getSize()); }
 
+    template <class IO>
+    bool fields(IO& io);
+
     uint16_t transport_stream_id = 0;         // 16 bits
     uint16_t original_network_id = 0;         // 16
     uint8_t reserved_future_use = 0;          // 4
@@ -35,33 +38,28 @@ public:
 
 // One section of a Network Information Table (actual or other network).
 //
-// The transport streams are kept in section order in a list; duplicates stay.
-class CNIT : public CLongSectionTable {
+// The transport streams are kept in section order in a list; duplicates stay. The
+// transport stream loop is bounded by transport_stream_loop_length alone: fewer than 6
+// bytes left in it end it, and past the data its entries read as zeros.
+class CNIT : public table_of<CNIT, CLongSectionTable> {
 public:
     using TransportStreamList = std::list<std::shared_ptr<CBaseTransportStream>>;
 
-    explicit CNIT(uint8_t* buffer = nullptr, size_t size = 1024);
+    explicit CNIT(uint8_t* buffer = nullptr, size_t size = 1024) : table_of(buffer, size) {}
     ~CNIT() override = default;
 
     // Empties the transport streams, the network descriptors and the scratch buffer.
     void Clear() override;
-    // Refuses an incomplete section, one with a bad CRC and one whose descriptor loops run
-    // past the data. The table id is not checked. The transport stream loop is bounded by
-    // transport_stream_loop_length alone. Fields read before a refusal stay as read.
-    bool read(KVSDK::KVBSReader& r) override;
-    // 13 + the network descriptors + every transport stream, sizes recomputed from the
-    // descriptor lists.
-    uint16_t calc_section_length() override;
+    template <class IO>
+    bool fields(IO& io);
+
     // Sum of the transport streams' sizes.
     uint16_t calc_transport_stream_loop_length() const;
 
-    // Writes the section into the scratch buffer: the common header (section_length from
-    // calc_section_length()), the header fields, network_descriptors_length and
-    // transport_stream_loop_length recomputed and stored back, the transport streams in
-    // order with their lengths recomputed, and the CRC if it still fits. Fields that do not
-    // fit the buffer are dropped. Returns true when the whole section fitted.
-    bool RenderTable();
-
+    // Writes the section into the scratch buffer, as write() does; GetBuffer()/
+    // GetSizeBuffer() then hold it. The CRC is left out when it does not fit. Returns true
+    // when the whole section fitted.
+    bool RenderTable() { return render_into_buffer(); }
     // Copies the header fields, the network descriptors, the CRC and appends a deep copy of
     // every transport stream to the target's list (which is not emptied first). The
     // target's transport_stream_loop_length counts the appended streams only; its
@@ -77,9 +75,8 @@ public:
     uint16_t transport_stream_loop_length = 0;  // 12
     TransportStreamList transport_stream;
     uint32_t CRC = 0;
-
-private:
-    uint16_t section_length_of_contents() const;
 };
+
+extern template class table_of<CNIT, CLongSectionTable>;
 
 }  // namespace mpegcore

@@ -26,6 +26,9 @@ public:
     // Size in the section: the 5 fixed bytes and the descriptors.
     uint16_t getSize() const { return static_cast<uint16_t>(5 + descriptors.getSize()); }
 
+    template <class IO>
+    bool fields(IO& io);
+
     uint16_t service_id = 0;                 // 16 bits
     uint8_t reserved_future_use = 0;         // 6
     uint8_t EIT_schedule_flag = 0;           // 1
@@ -39,30 +42,25 @@ public:
 // One section of a Service Description Table (actual or other transport stream).
 //
 // The services are kept keyed and sorted by service_id, not in section order: a later
-// service with the same id replaces an earlier one.
-class CSDT : public CLongSectionTable {
+// service with the same id replaces an earlier one. Fewer than 5 bytes in front of the CRC
+// cannot hold a service and end the loop, as does a loop length that overshoots the
+// section.
+class CSDT : public table_of<CSDT, CLongSectionTable> {
 public:
     using ServiceMap = std::map<uint16_t, std::shared_ptr<CServiceDescriptionSection>>;
 
-    explicit CSDT(uint8_t* buffer = nullptr, size_t size = 1024);
+    explicit CSDT(uint8_t* buffer = nullptr, size_t size = 1024) : table_of(buffer, size) {}
     ~CSDT() override = default;
 
     // Empties the services and the scratch buffer.
     void Clear() override;
-    // Refuses an incomplete section, one with a bad CRC (before any field after the common
-    // header is read) and one whose descriptor loop runs past the data. The table id is not
-    // checked. Fields read before a refusal stay as read.
-    bool read(KVSDK::KVBSReader& r) override;
-    // 12 + the size of every service, each recomputed from its descriptors.
-    uint16_t calc_section_length() override;
+    template <class IO>
+    bool fields(IO& io);
 
-    // Writes the section into the scratch buffer: the common header (section_length from
-    // calc_section_length()), the header fields, the services in service_id order with
-    // their loop lengths recomputed, and the CRC if it still fits. Fields that do not fit
-    // the buffer are dropped. GetBuffer()/GetSizeBuffer() then hold the section. Returns
-    // true when the whole section, CRC included, fitted.
-    bool RenderTable();
-
+    // Writes the section into the scratch buffer, as write() does (the services in
+    // service_id order); GetBuffer()/GetSizeBuffer() then hold it. The CRC is left out when
+    // it does not fit. Returns true when the whole section, CRC included, fitted.
+    bool RenderTable() { return render_into_buffer(); }
     // Copies the header fields, the CRC and a deep copy of every service into `target`,
     // replacing services with the same id but keeping the target's others; the target's
     // section_length counts this table's services only. A null target (or this table
@@ -75,9 +73,8 @@ public:
     uint8_t reserved_future_use1 = 0;    // 8
     ServiceMap sds;
     uint32_t CRC = 0;
-
-private:
-    uint16_t section_length_of_services() const;
 };
+
+extern template class table_of<CSDT, CLongSectionTable>;
 
 }  // namespace mpegcore

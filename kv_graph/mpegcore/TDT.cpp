@@ -1,5 +1,7 @@
 #include "mpegcore/TDT.h"
 
+#include "mpegcore/table_io.h"
+
 namespace mpegcore {
 
 namespace {
@@ -7,14 +9,15 @@ namespace {
 constexpr uint8_t kTdtTableId = 0x70;
 // UTC_time is all that follows section_length.
 constexpr uint16_t kSectionLength = 5;
-constexpr uint64_t kUtcTimeMask = 0xFFFFFFFFFFull;
 
 }  // namespace
 
-CTDT::CTDT(uint8_t* buffer, size_t size) : CBaseMpegTable(buffer, size) {}
+template class table_of<CTDT>;
+
+CTDT::CTDT(uint8_t* buffer, size_t size) : table_of(buffer, size) {}
 
 CTDT::CTDT(uint64_t utc_time, uint8_t* buffer, size_t size)
-    : CBaseMpegTable(buffer, size), UTC_time(utc_time) {
+    : table_of(buffer, size), UTC_time(utc_time) {
     table_id = kTdtTableId;
     section_syntax_indicator = 0;
     zero = 0;
@@ -27,25 +30,8 @@ bool CTDT::read(KVSDK::KVBSReader& r) {
     if (r.getLength() < kSectionLength) {
         return false;
     }
-    UTC_time = r.getBits(40) & kUtcTimeMask;
-    return true;
-}
-
-uint16_t CTDT::calc_section_length() {
-    return kSectionLength;
-}
-
-bool CTDT::RenderTable() {
-    const size_t capacity = m_pDataTable != nullptr ? m_lMaxSize : 0;
-    KVSDK::KVBSWriter w(m_pDataTable, capacity);
-    bool ok = write(w);
-    ok = w.putBits<uint64_t>(UTC_time & kUtcTimeMask, 40) && ok;
-    w.flush();
-    m_lSizeTable = section_length + size_t(3);
-    if (m_lSizeTable > capacity) {
-        m_lSizeTable = capacity;
-    }
-    return ok;
+    table_io::table_reader io(r, nullptr);
+    return fields(io);
 }
 
 void CTDT::copyTo(CTDT* target) const {

@@ -11,29 +11,23 @@ namespace mpegcore {
 
 // Time Offset Table section: the current UTC time (16-bit Modified Julian Date and BCD time
 // of day, converted by CEventInfo) and a descriptor loop, normally local time offset
-// descriptors, followed by the CRC.
-class CTOT : public CBaseMpegTable {
+// descriptors, followed by the CRC. A descriptor refused inside the loop ends the loop
+// without refusing the section. Fields that the reader's data does not reach read as 0 and
+// the section is still accepted.
+class CTOT : public table_of<CTOT> {
 public:
-    explicit CTOT(uint8_t* buffer = nullptr, size_t size = 1024);
+    explicit CTOT(uint8_t* buffer = nullptr, size_t size = 1024) : table_of(buffer, size) {}
     ~CTOT() override = default;
 
     // Empties the descriptors and the scratch buffer.
     void Clear() override;
-    // Refuses an incomplete section, one with a bad CRC (the table id is not checked) and
-    // one whose descriptor loop runs past the data; a descriptor refused inside the loop is
-    // not a refusal. Fields that the reader's data does not reach read as 0 and the section
-    // is still accepted.
-    bool read(KVSDK::KVBSReader& r) override;
-    // The descriptors' size + 11.
-    uint16_t calc_section_length() override;
+    template <class IO>
+    bool fields(IO& io);
 
-    // Writes the section into the scratch buffer: the common header (section_length from
-    // calc_section_length()), UTC_time, descriptors_loop_length recomputed from the
-    // descriptors and stored back, the descriptors and the CRC if it still fits.
-    // GetBuffer()/GetSizeBuffer() then hold the section. Returns true when the whole
-    // section, CRC included, fitted.
-    bool RenderTable();
-
+    // Writes the section into the scratch buffer, as write() does; GetBuffer()/
+    // GetSizeBuffer() then hold it. Returns true when the whole section, CRC included,
+    // fitted.
+    bool RenderTable() { return render_into_buffer(); }
     // Copies the header fields, UTC_time, the CRC and a deep copy of the descriptors into
     // `target`; its descriptors_loop_length and section_length are recomputed from the
     // copied descriptors. A null target (or this table itself) is ignored.
@@ -46,5 +40,7 @@ public:
     KVDescriptorList descriptors;
     uint32_t CRC = 0;
 };
+
+extern template class table_of<CTOT>;
 
 }  // namespace mpegcore

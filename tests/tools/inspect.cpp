@@ -84,7 +84,7 @@ TEST(InspectJson, WrittenValuesReadBackExactly) {
                                     std::make_pair(51544, "2000-01-01 00:00:00"),
                                     std::make_pair(58908, "2020-02-29 00:00:00"),
                                     std::make_pair(58909, "2020-03-01 00:00:00")}) {
-        EXPECT_EQ(format_mjd_utc(uint64_t(mjd) << 24), text);
+        EXPECT_EQ(mpegcore::format_mjd_utc(uint64_t(mjd) << 24), text);
     }
 }
 

@@ -13,6 +13,7 @@
 #include "kv_dvb_text.h"
 #include "mpegcore/descriptors_dvb.h"
 #include "mpegcore/descriptors_mpeg.h"
+#include "mpegcore/table_view.h"
 
 namespace kv_ts_inspect {
 
@@ -25,15 +26,9 @@ constexpr int64_t kPcrTicksPerSecond = 27000000;
 constexpr int64_t kPcrWrap = (int64_t(1) << 33) * 300;
 constexpr int64_t kMaxPcrStep = 10 * kPcrTicksPerSecond;
 
-// Two BCD digits.
-std::string bcd(unsigned byte) {
-    char text[3] = {"0123456789abcdef"[(byte >> 4) & 0xF], "0123456789abcdef"[byte & 0xF], 0};
-    return text;
-}
-
 // "hh:mm" of a 16-bit BCD offset.
 std::string format_bcd_offset(uint16_t value) {
-    return bcd(value >> 8) + ":" + bcd(value & 0xFF);
+    return format_bcd_time(uint32_t(value) << 8).substr(0, 5);
 }
 
 std::string text_of(const iso_code& code) {
@@ -294,149 +289,39 @@ json descriptors(const KVDescriptorList& list) {
 
 // ----- tables -----
 
-// version_number .. last_section_number, shared by every table with the long header.
-template <class T>
-void versions(json& j, const T& t) {
-    j["version_number"] = t.version_number;
-    j["current_next_indicator"] = t.current_next_indicator;
-    j["section_number"] = t.section_number;
-    j["last_section_number"] = t.last_section_number;
-}
+// A table's fields as JSON members, lists as arrays of objects.
+class json_view : public table_view {
+public:
+    explicit json_view(json& j) : m_stack{&j} {}
 
-void render(json& j, const CPAT& t) {
-    j["transport_stream_id"] = t.transport_stream_id;
-    versions(j, t);
-    j["programs"] = entries(t.program_map, [](json& o, const auto& e) {
-        o["program_number"] = e.second.program_number;
-        o[e.second.isNetwork() ? "network_PID" : "program_map_PID"] = e.second.getPID();
-    });
-    j["CRC_32"] = t.CRC;
-}
+    void field(const char* name, uint64_t value, format f) override {
+        json& o = *m_stack.back();
+        if (f == format::number) {
+            o[name] = value;
+        } else {
+            o[name] = format_field(value, f);
+        }
+    }
+    void descriptors(const char* name, const KVDescriptorList& list) override {
+        (*m_stack.back())[name] = kv_ts_inspect::descriptors(list);
+    }
+    void begin_list(const char* name) override {
+        json& a = (*m_stack.back())[name] = json::array();
+        m_stack.push_back(&a);
+    }
+    void begin_entry() override {
+        json& a = *m_stack.back();
+        a.push_back(json::object());
+        m_stack.push_back(&a.back());
+    }
+    void end_entry() override { m_stack.pop_back(); }
+    void end_list() override { m_stack.pop_back(); }
 
-void render(json& j, const CPMT& t) {
-    j["program_number"] = t.program_number;
-    versions(j, t);
-    j["PCR_PID"] = t.PCR_PID;
-    j["program_info_length"] = t.program_info_length;
-    j["descriptors"] = descriptors(t.descriptors);
-    j["streams"] = entries(t.stream_map, [](json& o, const auto& e) {
-        o["stream_type"] = e.second->stream_type;
-        o["elementary_PID"] = e.second->elementary_PID;
-        o["ES_info_length"] = e.second->ES_info_length;
-        o["descriptors"] = descriptors(e.second->descriptors);
-    });
-    j["CRC_32"] = t.CRC;
-}
-
-// CAT and TSDT: one descriptor loop.
-void render(json& j, const CDescriptorLoopTable& t) {
-    versions(j, t);
-    j["descriptors"] = descriptors(t.descriptors);
-    j["CRC_32"] = t.CRC;
-}
-
-void render(json& j, const CSDT& t) {
-    j["transport_stream_id"] = t.transport_stream_id;
-    versions(j, t);
-    j["original_network_id"] = t.original_network_id;
-    j["services"] = entries(t.sds, [](json& o, const auto& e) {
-        const CServiceDescriptionSection& s = *e.second;
-        o["service_id"] = s.service_id;
-        o["EIT_schedule_flag"] = s.EIT_schedule_flag;
-        o["EIT_present_following_flag"] = s.EIT_present_following_flag;
-        o["running_status"] = s.running_status;
-        o["free_CA_mode"] = s.free_CA_mode;
-        o["descriptors_loop_length"] = s.descriptors_loop_length;
-        o["descriptors"] = descriptors(s.descriptors);
-    });
-    j["CRC_32"] = t.CRC;
-}
-
-// A transport stream of a NIT or BAT: ids, loop length and descriptors.
-template <class S>
-void transport_stream(json& o, const S& s, uint16_t descriptors_length) {
-    o["transport_stream_id"] = s.transport_stream_id;
-    o["original_network_id"] = s.original_network_id;
-    o["transport_descriptors_length"] = descriptors_length;
-    o["descriptors"] = descriptors(s.descriptors);
-}
-
-void render(json& j, const CNIT& t) {
-    j["network_id"] = t.network_id;
-    versions(j, t);
-    j["network_descriptors_length"] = t.network_descriptors_length;
-    j["descriptors"] = descriptors(t.descriptors);
-    j["transport_stream_loop_length"] = t.transport_stream_loop_length;
-    j["transport_streams"] = entries(t.transport_stream, [](json& o, const auto& e) {
-        transport_stream(o, *e, e->network_descriptors_length);
-    });
-    j["CRC_32"] = t.CRC;
-}
-
-// The core reads every descriptor of a BAT section, the transport streams' included, into
-// the table's own list; the streams keep only their ids and lengths.
-void render(json& j, const CBAT& t) {
-    j["bouquet_id"] = t.bouquet_id;
-    versions(j, t);
-    j["bouquet_descriptors_length"] = t.bouquet_descriptors_length;
-    j["descriptors"] = descriptors(t.descriptors);
-    j["transport_stream_loop_length"] = t.transport_stream_loop_length;
-    j["transport_streams"] =
-        entries(t.BouquetAssociationStreamList, [](json& o, const CBouquetAssociationStream* e) {
-            transport_stream(o, *e, e->transport_descriptors_length);
-        });
-    j["CRC_32"] = t.CRC;
-}
-
-void render(json& j, const CEIT& t) {
-    j["service_id"] = t.service_id;
-    versions(j, t);
-    j["transport_stream_id"] = t.transport_stream_id;
-    j["original_network_id"] = t.original_network_id;
-    j["segment_last_section_number"] = t.segment_last_section_number;
-    j["last_table_id"] = t.last_table_id;
-    j["events"] = entries(t.eventInfo, [](json& o, const auto& e) {
-        o["event_id"] = e->event_id;
-        o["start_time"] = format_mjd_utc(e->start_time);
-        o["duration"] = format_bcd_duration(e->duration);
-        o["running_status"] = e->running_status;
-        o["free_CA_mode"] = e->free_CA_mode;
-        o["descriptors_loop_length"] = e->descriptors_loop_length;
-        o["descriptors"] = descriptors(e->descriptors);
-    });
-    j["CRC_32"] = t.CRC;
-}
-
-void render(json& j, const CTDT& t) {
-    j["UTC_time"] = format_mjd_utc(t.UTC_time);
-}
-
-void render(json& j, const CTOT& t) {
-    j["UTC_time"] = format_mjd_utc(t.UTC_time);
-    j["descriptors_loop_length"] = t.descriptors_loop_length;
-    j["descriptors"] = descriptors(t.descriptors);
-    j["CRC_32"] = t.CRC;
-}
+private:
+    std::vector<json*> m_stack;
+};
 
 }  // namespace
-
-std::string format_mjd_utc(uint64_t mjd_bcd) {
-    // Modified Julian Date to calendar date, as in EN 300 468 Annex C.
-    const long mjd = static_cast<long>((mjd_bcd >> 24) & 0xFFFF);
-    const long y1 = static_cast<long>((mjd - 15078.2) / 365.25);
-    const long m1 = static_cast<long>((mjd - 14956.1 - static_cast<long>(y1 * 365.25)) / 30.6001);
-    const long day = mjd - 14956 - static_cast<long>(y1 * 365.25) - static_cast<long>(m1 * 30.6001);
-    const long k = (m1 == 14 || m1 == 15) ? 1 : 0;
-    const long year = 1900 + y1 + k;
-    const long month = m1 - 1 - 12 * k;
-    char text[48];
-    std::snprintf(text, sizeof text, "%04ld-%02ld-%02ld ", year, month, day);
-    return text + format_bcd_duration(static_cast<uint32_t>(mjd_bcd & 0xFFFFFF));
-}
-
-std::string format_bcd_duration(uint32_t value) {
-    return bcd((value >> 16) & 0xFF) + ":" + bcd((value >> 8) & 0xFF) + ":" + bcd(value & 0xFF);
-}
 
 // ----- the inspector -----
 
@@ -522,13 +407,9 @@ void ts_inspector::report(const char* name, const T& table) {
     }
     m_bReported[m_nPid] = true;
     ++m_summary.sections[name];
-    json j = {{"table", name},
-              {"pid", m_nPid},
-              {"packet", m_nPacket},
-              {"table_id", table.table_id},
-              {"section_syntax_indicator", table.section_syntax_indicator},
-              {"section_length", table.section_length}};
-    render(j, table);
+    json j = {{"table", name}, {"pid", m_nPid}, {"packet", m_nPacket}};
+    json_view view(j);
+    table.view(view);
     if (m_onSection) {
         m_onSection(j.dump());
     }

@@ -97,11 +97,6 @@ private:
 // The summary as one JSON object: {"summary":{...}}.
 std::string render_summary(const inspect_summary& summary);
 
-// "YYYY-MM-DD hh:mm:ss" of a 40-bit MJD and BCD time.
-std::string format_mjd_utc(uint64_t mjd_bcd);
-// "hh:mm:ss" of a 24-bit BCD duration.
-std::string format_bcd_duration(uint32_t bcd);
-
 // The command line: kv-ts-inspect [--summary-only] FILE, where FILE "-" is standard
 // input. Writes the section lines (unless --summary-only) and the summary line to `out`.
 // Returns 0 once the input was read to its end, whatever it held; 2 with a one-line

@@ -87,5 +87,8 @@ size_t base_descriptor::body_size() const {
     return descriptor_data.size();
 }
 
+bool base_descriptor::view(table_view&) const {
+    return false;
+}
 
 }  // namespace mpegcore

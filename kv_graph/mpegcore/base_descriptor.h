@@ -13,6 +13,8 @@
 
 namespace mpegcore {
 
+class table_view;
+
 // Three characters of a language or country code, as carried in the stream.
 using iso_code = std::array<char, 3>;
 
@@ -49,6 +51,9 @@ public:
     // Body size that write() will give descriptor_length (may exceed 255; write() then
     // fails).
     virtual size_t body_size() const;
+    // Hands the decoded fields to `v` by name; false, handing nothing, for a descriptor kept
+    // as raw bytes.
+    virtual bool view(table_view& v) const;
 
     uint8_t descriptor_tag = 0;
     uint8_t descriptor_length = 0;
@@ -76,6 +81,7 @@ public:
     bool write(KVSDK::KVBSWriter& w) override;
     bool read(KVSDK::KVBSReader& r) override;
     size_t body_size() const override;
+    bool view(table_view& v) const override;
 
 protected:
     explicit descriptor_of(uint8_t tag) { this->descriptor_tag = tag; }

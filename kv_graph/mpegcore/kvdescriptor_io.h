@@ -5,26 +5,32 @@
 //
 // A descriptor class describes its body once, in `template <class IO> bool fields(IO& io)`,
 // as a chain of calls in wire order; plain `if`s on fields already walked express optional
-// parts. The calls:
+// parts. Every call names the field as views show it. The calls:
 //
-//   io(field, bits)          an integer field of 1..64 bits
-//   io.code(c)               a three-character code
-//   io.count(n, bits, size)  a length or count field; reading takes n from the stream,
-//                            writing stores `size` (derived from the data it counts) in n
-//   io.bytes(c, n)           n bytes into a string or byte vector
-//   io.rest(c, max)          the rest of the body, at most max bytes
-//   io.entries(list)         entries repeated while at least one whole entry is left
-//   io.entries(list, n)      entries filling exactly the next n bytes
-//   io.entries_n(list, n)    exactly n entries
-//   io.present(flag)         whether an optional trailing part follows: reading sets flag
-//                            when body bytes are left, the other walkers follow flag
+//   io(name, field, bits)          an integer field of 1..64 bits
+//   io.reserved(field, bits)       an integer field that views leave out
+//   io.time(name, field)           a 40-bit MJD + BCD time of day
+//   io.hhmm(name, field)           a 16-bit BCD hours and minutes
+//   io.code(name, c)               a three-character code
+//   io.count(name, n, bits, size)  a length or count field; reading takes n from the stream,
+//                                  writing stores `size` (derived from the data it counts)
+//                                  in n; views leave it out
+//   io.bytes(name, c, n)           n bytes into a string (text) or byte vector
+//   io.rest(name, c, max)          the rest of the body, at most max bytes
+//   io.entries(name, list)         entries repeated while at least one whole entry is left
+//   io.entries(name, list, n)      entries filling exactly the next n bytes
+//   io.entries_n(name, list, n)    exactly n entries
+//   io.present(flag)               whether an optional trailing part follows: reading sets
+//                                  flag when body bytes are left, the other walkers follow
+//                                  flag
 //
 // Entries are structs with a fields() of their own, held by value in a std::vector or by
 // shared pointer in a std::list.
 //
-// The four walkers: body_reader (refuses any field that would run past the body),
-// body_writer, body_sizer (counts the bits the writer would produce) and body_cloner (gives
-// a copied object its own entries in place of the shared ones).
+// The walkers: body_reader (refuses any field that would run past the body), body_writer,
+// body_sizer (counts the bits the writer would produce), body_cloner (gives a copied
+// object its own entries in place of the shared ones), and walk::viewer (the fields by
+// name, for a table_view).
 
 #include <algorithm>
 #include <cstring>
@@ -36,6 +42,7 @@
 
 #include "kvcore/kv_bitstream.h"
 #include "mpegcore/base_descriptor.h"
+#include "mpegcore/field_viewer.h"
 
 namespace mpegcore {
 namespace desc_io {
@@ -49,39 +56,47 @@ E& add_entry(std::list<std::shared_ptr<E>>& l) {
     l.push_back(std::make_shared<E>());
     return *l.back();
 }
-template <class E>
-E& entry_of(E& e) {
-    return e;
-}
-template <class E>
-E& entry_of(std::shared_ptr<E>& p) {
-    return *p;
-}
+using walk::entry_of;
 
-// Counts the bits a body would take when written.
-class body_sizer {
+// The calls that every walker but the viewer handles as a plain integer field.
+template <class W>
+class field_forms {
 public:
     template <class T>
-    bool operator()(T&, size_t bits) {
+    bool reserved(T& v, size_t bits) {
+        return self()(nullptr, v, bits);
+    }
+    bool time(const char* name, uint64_t& v) { return self()(name, v, 40); }
+    bool hhmm(const char* name, uint16_t& v) { return self()(name, v, 16); }
+
+private:
+    W& self() { return static_cast<W&>(*this); }
+};
+
+// Counts the bits a body would take when written.
+class body_sizer : public field_forms<body_sizer> {
+public:
+    template <class T>
+    bool operator()(const char*, T&, size_t bits) {
         m_bits += bits;
         return true;
     }
-    bool code(iso_code&) { return add(3); }
+    bool code(const char*, iso_code&) { return add(3); }
     template <class T>
-    bool count(T&, size_t bits, size_t) {
+    bool count(const char*, T&, size_t bits, size_t) {
         m_bits += bits;
         return true;
     }
     template <class C>
-    bool bytes(C& c, size_t) {
+    bool bytes(const char*, C& c, size_t) {
         return add(c.size());
     }
     template <class C>
-    bool rest(C& c, size_t = SIZE_MAX) {
+    bool rest(const char*, C& c, size_t = SIZE_MAX) {
         return add(c.size());
     }
     template <class L>
-    bool entries(L& list, size_t = 0) {
+    bool entries(const char*, L& list, size_t = 0) {
         for (auto& e : list) {
             if (entry_of(e).fields(*this) == false) {
                 return false;
@@ -90,8 +105,8 @@ public:
         return true;
     }
     template <class L>
-    bool entries_n(L& list, size_t) {
-        return entries(list);
+    bool entries_n(const char* name, L& list, size_t) {
+        return entries(name, list);
     }
     bool present(bool& flag) { return flag; }
 
@@ -109,18 +124,18 @@ private:
 template <class L>
 size_t size_of(L& list) {
     body_sizer s;
-    s.entries(list);
+    s.entries(nullptr, list);
     return s.bytes();
 }
 
 // Reads a body through a reader bounded to it, refusing any field that runs past the body
 // (or past the current range of an io.entries(list, n)).
-class body_reader {
+class body_reader : public field_forms<body_reader> {
 public:
     body_reader(const uint8_t* body, size_t length) : m_r(body, length), m_bits(8 * length) {}
 
     template <class T>
-    bool operator()(T& v, size_t bits) {
+    bool operator()(const char*, T& v, size_t bits) {
         if (bits > m_bits) {
             return false;
         }
@@ -128,7 +143,7 @@ public:
         m_bits -= bits;
         return true;
     }
-    bool code(iso_code& c) {
+    bool code(const char*, iso_code& c) {
         if (m_bits < 24) {
             return false;
         }
@@ -139,11 +154,11 @@ public:
         return true;
     }
     template <class T>
-    bool count(T& v, size_t bits, size_t) {
-        return (*this)(v, bits);
+    bool count(const char*, T& v, size_t bits, size_t) {
+        return (*this)(nullptr, v, bits);
     }
     template <class C>
-    bool bytes(C& c, size_t n) {
+    bool bytes(const char*, C& c, size_t n) {
         if (n > left()) {
             return false;
         }
@@ -155,12 +170,12 @@ public:
         return true;
     }
     template <class C>
-    bool rest(C& c, size_t max = SIZE_MAX) {
-        return bytes(c, std::min(left(), max));
+    bool rest(const char* name, C& c, size_t max = SIZE_MAX) {
+        return bytes(name, c, std::min(left(), max));
     }
     // Entries while at least one whole entry (the size of an empty one) is left.
     template <class L>
-    bool entries(L& list) {
+    bool entries(const char*, L& list) {
         list.clear();
         using E = std::remove_reference_t<decltype(entry_of(*list.begin()))>;
         E empty;
@@ -176,7 +191,7 @@ public:
     }
     // Entries that fill exactly the next n bytes.
     template <class L>
-    bool entries(L& list, size_t n) {
+    bool entries(const char*, L& list, size_t n) {
         list.clear();
         if (n > left()) {
             return false;
@@ -193,7 +208,7 @@ public:
         return true;
     }
     template <class L>
-    bool entries_n(L& list, size_t n) {
+    bool entries_n(const char*, L& list, size_t n) {
         list.clear();
         for (size_t i = 0; i < n; ++i) {
             if (add_entry(list).fields(*this) == false) {
@@ -235,15 +250,15 @@ private:
 };
 
 // Writes a body; count fields take the size of what they count.
-class body_writer {
+class body_writer : public field_forms<body_writer> {
 public:
     explicit body_writer(KVSDK::KVBSWriter& w) : m_w(w) {}
 
     template <class T>
-    bool operator()(T& v, size_t bits) {
+    bool operator()(const char*, T& v, size_t bits) {
         return m_w.putBits(static_cast<uint64_t>(v), bits);
     }
-    bool code(iso_code& c) {
+    bool code(const char*, iso_code& c) {
         for (char ch : c) {
             if (!m_w.putBits(static_cast<uint8_t>(ch), 8)) {
                 return false;
@@ -252,15 +267,15 @@ public:
         return true;
     }
     template <class T>
-    bool count(T& v, size_t bits, size_t size) {
+    bool count(const char*, T& v, size_t bits, size_t size) {
         if (bits < 64 && (size >> bits) != 0) {
             return false;  // the field cannot hold the count
         }
         v = static_cast<T>(size);
-        return (*this)(v, bits);
+        return (*this)(nullptr, v, bits);
     }
     template <class C>
-    bool bytes(C& c, size_t) {
+    bool bytes(const char*, C& c, size_t) {
         for (auto b : c) {
             if (!m_w.putBits(static_cast<uint8_t>(b), 8)) {
                 return false;
@@ -269,11 +284,11 @@ public:
         return true;
     }
     template <class C>
-    bool rest(C& c, size_t = SIZE_MAX) {
-        return bytes(c, 0);
+    bool rest(const char*, C& c, size_t = SIZE_MAX) {
+        return bytes(nullptr, c, 0);
     }
     template <class L>
-    bool entries(L& list, size_t = 0) {
+    bool entries(const char*, L& list, size_t = 0) {
         for (auto& e : list) {
             if (entry_of(e).fields(*this) == false) {
                 return false;
@@ -282,8 +297,8 @@ public:
         return true;
     }
     template <class L>
-    bool entries_n(L& list, size_t) {
-        return entries(list);
+    bool entries_n(const char* name, L& list, size_t) {
+        return entries(name, list);
     }
     bool present(bool& flag) { return flag; }
 
@@ -301,27 +316,27 @@ private:
 };
 
 // Walks a freshly assigned copy and replaces every shared entry by a copy of its own.
-class body_cloner {
+class body_cloner : public field_forms<body_cloner> {
 public:
     template <class T>
-    bool operator()(T&, size_t) {
+    bool operator()(const char*, T&, size_t) {
         return true;
     }
-    bool code(iso_code&) { return true; }
+    bool code(const char*, iso_code&) { return true; }
     template <class T>
-    bool count(T&, size_t, size_t) {
+    bool count(const char*, T&, size_t, size_t) {
         return true;
     }
     template <class C>
-    bool bytes(C&, size_t) {
+    bool bytes(const char*, C&, size_t) {
         return true;
     }
     template <class C>
-    bool rest(C&, size_t = SIZE_MAX) {
+    bool rest(const char*, C&, size_t = SIZE_MAX) {
         return true;
     }
     template <class E>
-    bool entries(std::list<std::shared_ptr<E>>& list, size_t = 0) {
+    bool entries(const char*, std::list<std::shared_ptr<E>>& list, size_t = 0) {
         for (auto& p : list) {
             if (p) {
                 p = std::make_shared<E>(*p);
@@ -331,15 +346,15 @@ public:
         return true;
     }
     template <class E>
-    bool entries(std::vector<E>& list, size_t = 0) {
+    bool entries(const char*, std::vector<E>& list, size_t = 0) {
         for (auto& e : list) {
             e.fields(*this);
         }
         return true;
     }
     template <class L>
-    bool entries_n(L& list, size_t) {
-        return entries(list);
+    bool entries_n(const char* name, L& list, size_t) {
+        return entries(name, list);
     }
     bool present(bool& flag) { return flag; }
 };
@@ -348,7 +363,7 @@ public:
 
 template <class IO>
 bool base_descriptor_extension::fields(IO& io) {
-    return io(descriptor_tag_extension, 8);
+    return io("descriptor_tag_extension", descriptor_tag_extension, 8);
 }
 
 template <class D, class B>
@@ -403,6 +418,13 @@ size_t descriptor_of<D, B>::body_size() const {
     desc_io::body_sizer s;
     const_cast<D&>(static_cast<const D&>(*this)).fields(s);
     return s.bytes() + this->descriptor_data.size();
+}
+
+template <class D, class B>
+bool descriptor_of<D, B>::view(table_view& v) const {
+    walk::viewer io(v);
+    const_cast<D&>(static_cast<const D&>(*this)).fields(io);
+    return true;
 }
 
 }  // namespace mpegcore

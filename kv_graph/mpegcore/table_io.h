@@ -23,9 +23,9 @@
 // Entries are classes with a fields() of their own, held by shared pointer or by owning
 // pointer in a std::list, or in a std::map by value or shared pointer under key(entry).
 //
-// The four walkers: table_reader (the section's bytes into the fields; past the reader's
-// data fields read as 0), table_writer, table_sizer (the section_length the writer gives)
-// and table_viewer (the fields by name, for a table_view).
+// The walkers: table_reader (the section's bytes into the fields; past the reader's data
+// fields read as 0), table_writer, table_sizer (the section_length the writer gives), and
+// walk::viewer (the fields by name, for a table_view).
 
 #include <algorithm>
 #include <cstddef>
@@ -33,31 +33,18 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <utility>
 
 #include "kvcore/kv_bitstream.h"
 #include "mpegcore/BaseMpegTable.h"
 #include "mpegcore/kvdescriptorlist.h"
+#include "mpegcore/field_viewer.h"
 #include "mpegcore/table_view.h"
 
 namespace mpegcore {
 namespace table_io {
 
-template <class E>
-E& entry_of(E& e) {
-    return e;
-}
-template <class E>
-E& entry_of(std::shared_ptr<E>& p) {
-    return *p;
-}
-template <class E>
-E& entry_of(E*& p) {
-    return *p;
-}
-template <class K, class V>
-auto& entry_of(std::pair<const K, V>& kv) {
-    return entry_of(kv.second);
-}
+using walk::entry_of;
 
 template <class C>
 void clear_entries(C& c) {
@@ -118,14 +105,6 @@ private:
     }
     size_t m_bits = 0;
 };
-
-// Encoded size of a container's entries, for the loop lengths that count them.
-template <class C>
-size_t size_of_entries(C& c) {
-    table_sizer s;
-    s.entries(nullptr, c);
-    return s.bytes();
-}
 
 // Reads the fields behind the common header of a section whose end is known: the loops
 // end by that end (less the CRC) or by their own lengths, as each table says.
@@ -310,60 +289,6 @@ private:
     bool m_bCrc = false;
 };
 
-// Hands the fields to a view by name; reserved fields stay out.
-class table_viewer {
-public:
-    explicit table_viewer(table_view& v) : m_v(v) {}
-
-    template <class T>
-    bool operator()(const char* name, T& v, size_t) {
-        m_v.field(name, static_cast<uint64_t>(v), table_view::format::number);
-        return true;
-    }
-    template <class T>
-    bool reserved(T&, size_t) {
-        return true;
-    }
-    bool time(const char* name, uint64_t& v) {
-        m_v.field(name, v, table_view::format::mjd_utc);
-        return true;
-    }
-    bool duration(const char* name, uint32_t& v) {
-        m_v.field(name, v, table_view::format::bcd_time);
-        return true;
-    }
-    template <class T, class F>
-    bool length(const char* name, T& v, size_t bits, F) {
-        return (*this)(name, v, bits);
-    }
-    bool descriptors(const char* name, KVDescriptorList& list, uint16_t = 0, bool = false) {
-        m_v.descriptors(name, list);
-        return true;
-    }
-    bool rest_descriptors(const char* name, KVDescriptorList& list) {
-        return descriptors(name, list);
-    }
-    template <class C, class... Key>
-    bool entries(const char* name, C& c, int32_t = 0, Key...) {
-        m_v.begin_list(name);
-        for (auto& e : c) {
-            m_v.begin_entry();
-            entry_of(e).fields(*this);
-            m_v.end_entry();
-        }
-        m_v.end_list();
-        return true;
-    }
-    template <class C>
-    bool entries_within(const char* name, C& c, uint16_t, int32_t) {
-        return entries(name, c);
-    }
-    bool crc(uint32_t& v) { return (*this)("CRC_32", v, 32); }
-
-private:
-    table_view& m_v;
-};
-
 }  // namespace table_io
 
 template <class T, class B>
@@ -414,7 +339,7 @@ void table_of<T, B>::view(table_view& v) const {
     v.field("section_syntax_indicator", this->section_syntax_indicator,
             table_view::format::number);
     v.field("section_length", this->section_length, table_view::format::number);
-    table_io::table_viewer io(v);
+    walk::viewer io(v);
     const_cast<T&>(static_cast<const T&>(*this)).fields(io);
 }
 

@@ -41,6 +41,8 @@ std::string format_field(uint64_t value, table_view::format f) {
             return format_mjd_utc(value);
         case table_view::format::bcd_time:
             return format_bcd_time(static_cast<uint32_t>(value));
+        case table_view::format::bcd_hhmm:
+            return format_bcd_time(static_cast<uint32_t>(value << 8)).substr(0, 5);
         case table_view::format::number:
             break;
     }
@@ -49,6 +51,25 @@ std::string format_field(uint64_t value, table_view::format f) {
 
 void text_view::field(const char* name, uint64_t value, format f) {
     m_text += std::string(" ") + name + "=" + format_field(value, f);
+}
+
+std::string format_hex(const uint8_t* data, size_t size) {
+    static const char kHex[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(2 * size);
+    for (size_t i = 0; i < size; ++i) {
+        text += kHex[data[i] >> 4];
+        text += kHex[data[i] & 0xF];
+    }
+    return text;
+}
+
+void text_view::text(const char* name, const std::string& value) {
+    m_text += std::string(" ") + name + "=\"" + value + "\"";
+}
+
+void text_view::bytes(const char* name, const uint8_t* data, size_t size) {
+    m_text += std::string(" ") + name + "=" + format_hex(data, size);
 }
 
 void text_view::descriptors(const char* name, const KVDescriptorList& list) {

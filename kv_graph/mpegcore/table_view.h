@@ -4,6 +4,7 @@
 // description walks them (see table_io.h). The text view below and the inspector's JSON
 // are both built on it.
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -14,12 +15,16 @@ class KVDescriptorList;
 class table_view {
 public:
     // How a number reads: as it stands, as a 40-bit Modified Julian Date with a BCD time of
-    // day ("2024-01-15 12:34:56"), or as a 24-bit BCD time ("01:30:00").
-    enum class format { number, mjd_utc, bcd_time };
+    // day ("2024-01-15 12:34:56"), as a 24-bit BCD time ("01:30:00") or as 16-bit BCD hours
+    // and minutes ("01:30").
+    enum class format { number, mjd_utc, bcd_time, bcd_hhmm };
 
     virtual ~table_view() = default;
 
     virtual void field(const char* name, uint64_t value, format f) = 0;
+    // Characters as the stream carries them (DVB text, language codes).
+    virtual void text(const char* name, const std::string& value) = 0;
+    virtual void bytes(const char* name, const uint8_t* data, size_t size) = 0;
     virtual void descriptors(const char* name, const KVDescriptorList& list) = 0;
     // A list of entries: begin_list, then begin_entry, the entry's fields and end_entry per
     // entry, then end_list.
@@ -35,6 +40,8 @@ std::string format_mjd_utc(uint64_t mjd_bcd);
 std::string format_bcd_time(uint32_t bcd);
 // A number as a view shows it in text.
 std::string format_field(uint64_t value, table_view::format f);
+// Bytes as lower-case hexadecimal digits.
+std::string format_hex(const uint8_t* data, size_t size);
 
 // A table as text: "NAME field=value ...", then each entry of a list on a line of its own,
 // indented; a descriptor loop shows as its descriptor count.
@@ -47,6 +54,8 @@ public:
     explicit text_view(const char* name) : m_text(name) {}
 
     void field(const char* name, uint64_t value, format f) override;
+    void text(const char* name, const std::string& value) override;
+    void bytes(const char* name, const uint8_t* data, size_t size) override;
     void descriptors(const char* name, const KVDescriptorList& list) override;
     void begin_list(const char*) override {}
     void begin_entry() override;

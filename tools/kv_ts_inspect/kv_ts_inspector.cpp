@@ -6,13 +6,13 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 
 #include "kv_cli.h"
 #include "kv_dvb_text.h"
-#include "mpegcore/descriptors_dvb.h"
-#include "mpegcore/descriptors_mpeg.h"
+#include "mpegcore/kvdescriptorlist.h"
 #include "mpegcore/table_view.h"
 
 namespace kv_ts_inspect {
@@ -26,270 +26,9 @@ constexpr int64_t kPcrTicksPerSecond = 27000000;
 constexpr int64_t kPcrWrap = (int64_t(1) << 33) * 300;
 constexpr int64_t kMaxPcrStep = 10 * kPcrTicksPerSecond;
 
-// "hh:mm" of a 16-bit BCD offset.
-std::string format_bcd_offset(uint16_t value) {
-    return format_bcd_time(uint32_t(value) << 8).substr(0, 5);
-}
+json descriptors(const KVDescriptorList& list);
 
-std::string text_of(const iso_code& code) {
-    return dvb_text(std::string(code.data(), code.size()));
-}
-
-std::string hex(const uint8_t* data, size_t size) {
-    static const char kHex[] = "0123456789abcdef";
-    std::string text;
-    text.reserve(2 * size);
-    for (size_t i = 0; i < size; ++i) {
-        text += kHex[data[i] >> 4];
-        text += kHex[data[i] & 0xF];
-    }
-    return text;
-}
-
-std::string hex(const std::vector<uint8_t>& bytes) {
-    return hex(bytes.data(), bytes.size());
-}
-
-// ----- descriptors -----
-
-// Decoded fields of one descriptor class, behind its name. False, writing nothing, when
-// the descriptor is not of that class.
-using descriptor_view = std::function<bool(json&, const base_descriptor&)>;
-
-template <class D, class F>
-descriptor_view view(const char* name, F fields) {
-    return [name, fields](json& j, const base_descriptor& b) {
-        const D* d = dynamic_cast<const D*>(&b);
-        if (d != nullptr) {
-            j["name"] = name;
-            fields(j, *d);
-        }
-        return d != nullptr;
-    };
-}
-
-// One object per entry of `list` (by value or by pointer), its members set by `fields`.
-template <class L, class F>
-json entries(const L& list, F fields) {
-    json a = json::array();
-    for (const auto& e : list) {
-        json o = json::object();
-        fields(o, e);
-        a.push_back(std::move(o));
-    }
-    return a;
-}
-
-void teletext_pages(json& j, const teletext_descriptor& d) {
-    j["pages"] = entries(d.teletext_list, [](json& o, const auto& e) {
-        o["ISO_639_language_code"] = text_of(e->ISO_639_language_code);
-        o["teletext_type"] = e->teletext_type;
-        o["teletext_magazine_number"] = e->teletext_magazine_number;
-        o["teletext_page_number"] = e->teletext_page_number;
-    });
-}
-
-using descriptor_map = std::map<uint8_t, descriptor_view>;
-
-// MPEG-2 Systems descriptors whose fields are written out.
-descriptor_map mpeg_views() {
-    return {
-        {0x02, view<video_stream_descriptor>(
-                   "video_stream_descriptor",
-                   [](json& j, const video_stream_descriptor& d) {
-                       j["multiple_frame_rate_flag"] = d.multiple_frame_rate_flag;
-                       j["frame_rate_code"] = d.frame_rate_code;
-                       j["MPEG_1_only_flag"] = d.MPEG_1_only_flag;
-                       j["constrained_parameter_flag"] = d.constrained_parameter_flag;
-                       j["still_picture_flag"] = d.still_picture_flag;
-                       if (d.MPEG_1_only_flag == 0) {
-                           j["profile_and_level_indication"] = d.profile_and_level_indication;
-                           j["chroma_format"] = d.chroma_format;
-                           j["frame_rate_extension_flag"] = d.frame_rate_extension_flag;
-                       }
-                   })},
-        {0x03, view<audio_stream_descriptor>("audio_stream_descriptor",
-                                             [](json& j, const audio_stream_descriptor& d) {
-                                                 j["free_format_flag"] = d.free_format_flag;
-                                                 j["ID"] = d.ID;
-                                                 j["layer"] = d.layer;
-                                                 j["variable_rate_audio_indicator"] =
-                                                     d.variable_rate_audio_indicator;
-                                             })},
-        {0x05, view<registration_descriptor>("registration_descriptor",
-                                             [](json& j, const registration_descriptor& d) {
-                                                 j["format_identifier"] = d.format_identifier;
-                                                 j["additional_identification_info"] =
-                                                     hex(d.additional_identification_info);
-                                             })},
-        {0x09, view<CA_descriptor>("CA_descriptor",
-                                   [](json& j, const CA_descriptor& d) {
-                                       j["CA_system_ID"] = d.CA_system_ID;
-                                       j["CA_PID"] = d.CA_PID;
-                                       j["private_data_byte"] = hex(d.private_data_byte);
-                                   })},
-        {0x0A, view<ISO_639_language_descriptor>(
-                   "ISO_639_language_descriptor",
-                   [](json& j, const ISO_639_language_descriptor& d) {
-                       j["languages"] = entries(d.language_list, [](json& o, const auto& e) {
-                           o["ISO_639_language_code"] = text_of(e.ISO_639_language_code);
-                           o["audio_type"] = e.audio_type;
-                       });
-                   })},
-    };
-}
-
-// DVB network and service descriptors whose fields are written out.
-descriptor_map dvb_service_views() {
-    return {
-        {0x40, view<network_name_descriptor>("network_name_descriptor",
-                                             [](json& j, const network_name_descriptor& d) {
-                                                 j["network_name"] = dvb_text(d.character);
-                                             })},
-        {0x41, view<service_list_descriptor>(
-                   "service_list_descriptor",
-                   [](json& j, const service_list_descriptor& d) {
-                       j["services"] = entries(d.services, [](json& o, const auto& e) {
-                           o["service_id"] = e.service_id;
-                           o["service_type"] = e.service_type;
-                       });
-                   })},
-        {0x46, view<teletext_descriptor>("VBI_teletext_descriptor", teletext_pages)},
-        {0x47, view<bouquet_name_descriptor>("bouquet_name_descriptor",
-                                             [](json& j, const bouquet_name_descriptor& d) {
-                                                 j["bouquet_name"] = dvb_text(d.character);
-                                             })},
-        {0x48, view<service_descriptor>(
-                   "service_descriptor",
-                   [](json& j, const service_descriptor& d) {
-                       j["service_type"] = d.service_type;
-                       j["service_provider_name"] = dvb_text(d.service_provider_name);
-                       j["service_name"] = dvb_text(d.service_name);
-                   })},
-    };
-}
-
-// The other DVB descriptors whose fields are written out: events, streams, rights.
-descriptor_map dvb_other_views() {
-    return {
-        {0x4D, view<short_event_descriptor>(
-                   "short_event_descriptor",
-                   [](json& j, const short_event_descriptor& d) {
-                       j["ISO_639_language_code"] = text_of(d.ISO_639_language_code);
-                       j["event_name"] = dvb_text(d.event_name_char);
-                       j["text"] = dvb_text(d.text_char);
-                   })},
-        {0x4E, view<extended_event_descriptor>(
-                   "extended_event_descriptor",
-                   [](json& j, const extended_event_descriptor& d) {
-                       j["descriptor_number"] = d.descriptor_number;
-                       j["last_descriptor_number"] = d.last_descriptor_number;
-                       j["ISO_639_language_code"] = text_of(d.ISO_639_language_code);
-                       j["items"] = entries(d.items, [](json& o, const auto& e) {
-                           o["item_description"] = dvb_text(e.item_description_char);
-                           o["item"] = dvb_text(e.item_char);
-                       });
-                       j["text"] = dvb_text(d.text_char);
-                   })},
-        {0x52, view<stream_identifier_descriptor>(
-                   "stream_identifier_descriptor",
-                   [](json& j, const stream_identifier_descriptor& d) {
-                       j["component_tag"] = d.component_tag;
-                   })},
-        {0x55, view<parental_rating_descriptor>(
-                   "parental_rating_descriptor",
-                   [](json& j, const parental_rating_descriptor& d) {
-                       j["ratings"] = entries(d.parentals, [](json& o, const auto& e) {
-                           o["country_code"] = text_of(e.country_code);
-                           o["rating"] = e.rating;
-                       });
-                   })},
-        {0x56, view<teletext_descriptor>("teletext_descriptor", teletext_pages)},
-        {0x58, view<local_time_offset_descriptor>(
-                   "local_time_offset_descriptor",
-                   [](json& j, const local_time_offset_descriptor& d) {
-                       j["offsets"] = entries(d.m_listEntry, [](json& o, const auto& e) {
-                           o["country_code"] = text_of(e->country_code);
-                           o["country_region_id"] = e->country_region_id;
-                           o["local_time_offset_polarity"] = e->local_time_offset_polarity;
-                           o["local_time_offset"] = format_bcd_offset(e->local_time_offset);
-                           o["time_of_change"] = format_mjd_utc(e->time_of_change);
-                           o["next_time_offset"] = format_bcd_offset(e->next_time_offset);
-                       });
-                   })},
-        {0x59, view<subtitling_descriptor>(
-                   "subtitling_descriptor",
-                   [](json& j, const subtitling_descriptor& d) {
-                       j["subtitles"] = entries(d.subtitling_list, [](json& o, const auto& e) {
-                           o["ISO_639_language_code"] = text_of(e->ISO_639_language_code);
-                           o["subtitling_type"] = e->subtitling_type;
-                           o["composition_page_id"] = e->composition_page_id;
-                           o["ancillary_page_id"] = e->ancillary_page_id;
-                       });
-                   })},
-        {0x5F, view<private_data_specifier_descriptor>(
-                   "private_data_specifier_descriptor",
-                   [](json& j, const private_data_specifier_descriptor& d) {
-                       j["private_data_specifier"] = d.private_data_specifier;
-                   })},
-        {0x83, view<logical_channel_descriptor>(
-                   "logical_channel_descriptor",
-                   [](json& j, const logical_channel_descriptor& d) {
-                       j["channels"] = entries(d.m_listService, [](json& o, const auto& e) {
-                           o["service_id"] = e.service_id;
-                           o["visible_service_flag"] = e.visible_service_flag;
-                           o["logical_channel_number"] = e.logical_channel_number;
-                       });
-                   })},
-    };
-}
-
-// The classes whose fields are written out, by tag; every other descriptor is written as
-// its raw body.
-const descriptor_map& descriptor_views() {
-    static const descriptor_map views = [] {
-        descriptor_map v = mpeg_views();
-        for (const descriptor_map& more : {dvb_service_views(), dvb_other_views()}) {
-            v.insert(more.begin(), more.end());
-        }
-        return v;
-    }();
-    return views;
-}
-
-// The body as the descriptor writes it back (byte for byte what was read).
-std::string raw_body(const base_descriptor& d) {
-    uint8_t buffer[2 + 255] = {};
-    std::shared_ptr<base_descriptor> copy = d.create();
-    d.copyTo(*copy);
-    KVSDK::KVBSWriter out(buffer, sizeof buffer);
-    if (copy->write(out)) {
-        out.flush();
-        return hex(buffer + 2, buffer[1]);
-    }
-    return hex(d.descriptor_data.data(), d.descriptor_data.size());
-}
-
-json descriptors(const KVDescriptorList& list) {
-    return entries(list.descriptor, [](json& o, const std::shared_ptr<base_descriptor>& d) {
-        o["tag"] = d->descriptor_tag;
-        o["length"] = d->descriptor_length;
-        const auto& views = descriptor_views();
-        const auto found = views.find(d->descriptor_tag);
-        if (found != views.end() && found->second(o, *d)) {
-            // Body bytes after the last decoded field, if any.
-            if (d->descriptor_data.size() > 0) {
-                o["rest"] = hex(d->descriptor_data.data(), d->descriptor_data.size());
-            }
-        } else {
-            o["data"] = raw_body(*d);
-        }
-    });
-}
-
-// ----- tables -----
-
-// A table's fields as JSON members, lists as arrays of objects.
+// Fields as JSON members, lists as arrays of objects: a table's or a descriptor's.
 class json_view : public table_view {
 public:
     explicit json_view(json& j) : m_stack{&j} {}
@@ -301,6 +40,12 @@ public:
         } else {
             o[name] = format_field(value, f);
         }
+    }
+    void text(const char* name, const std::string& value) override {
+        (*m_stack.back())[name] = dvb_text(value);
+    }
+    void bytes(const char* name, const uint8_t* data, size_t size) override {
+        (*m_stack.back())[name] = format_hex(data, size);
     }
     void descriptors(const char* name, const KVDescriptorList& list) override {
         (*m_stack.back())[name] = kv_ts_inspect::descriptors(list);
@@ -320,6 +65,65 @@ public:
 private:
     std::vector<json*> m_stack;
 };
+
+// The descriptors whose fields are written out, by tag, with the names they go by; every
+// other descriptor is written as its raw body.
+const std::map<uint8_t, const char*> kDecoded = {
+    {0x02, "video_stream_descriptor"},
+    {0x03, "audio_stream_descriptor"},
+    {0x05, "registration_descriptor"},
+    {0x09, "CA_descriptor"},
+    {0x0A, "ISO_639_language_descriptor"},
+    {0x40, "network_name_descriptor"},
+    {0x41, "service_list_descriptor"},
+    {0x46, "VBI_teletext_descriptor"},
+    {0x47, "bouquet_name_descriptor"},
+    {0x48, "service_descriptor"},
+    {0x4D, "short_event_descriptor"},
+    {0x4E, "extended_event_descriptor"},
+    {0x52, "stream_identifier_descriptor"},
+    {0x55, "parental_rating_descriptor"},
+    {0x56, "teletext_descriptor"},
+    {0x58, "local_time_offset_descriptor"},
+    {0x59, "subtitling_descriptor"},
+    {0x5F, "private_data_specifier_descriptor"},
+    {0x83, "logical_channel_descriptor"},
+};
+
+// The body as the descriptor writes it back (byte for byte what was read).
+std::string raw_body(const base_descriptor& d) {
+    uint8_t buffer[2 + 255] = {};
+    std::shared_ptr<base_descriptor> copy = d.create();
+    d.copyTo(*copy);
+    KVSDK::KVBSWriter out(buffer, sizeof buffer);
+    if (copy->write(out)) {
+        out.flush();
+        return format_hex(buffer + 2, buffer[1]);
+    }
+    return format_hex(d.descriptor_data.data(), d.descriptor_data.size());
+}
+
+json descriptors(const KVDescriptorList& list) {
+    json a = json::array();
+    for (const std::shared_ptr<base_descriptor>& d : list.descriptor) {
+        json o = {{"tag", d->descriptor_tag}, {"length", d->descriptor_length}};
+        const auto decoded = kDecoded.find(d->descriptor_tag);
+        json fields = json::object();
+        json_view view(fields);
+        if (decoded != kDecoded.end() && d->view(view)) {
+            o["name"] = decoded->second;
+            o.update(fields);
+            // Body bytes after the last decoded field, if any.
+            if (d->descriptor_data.size() > 0) {
+                o["rest"] = format_hex(d->descriptor_data.data(), d->descriptor_data.size());
+            }
+        } else {
+            o["data"] = raw_body(*d);
+        }
+        a.push_back(std::move(o));
+    }
+    return a;
+}
 
 }  // namespace
 
@@ -451,16 +255,17 @@ std::string render_summary(const inspect_summary& s) {
     for (const auto& e : s.sections) {
         sections[e.first] = e.second;
     }
-    json errors = entries(s.continuity_errors, [](json& o, const auto& e) {
-        o["pid"] = e.first;
-        o["errors"] = e.second;
-    });
-    json pcr_pids = entries(s.pcr_pids, [](json& o, const pcr_pid_summary& p) {
-        o["pid"] = p.pid;
-        o["pcrs"] = p.pcrs;
-        o["bitrate"] = std::llround(p.bitrate);
-        o["measured_s"] = std::round(p.measured_s * 1000) / 1000;
-    });
+    json errors = json::array();
+    for (const auto& e : s.continuity_errors) {
+        errors.push_back({{"pid", e.first}, {"errors", e.second}});
+    }
+    json pcr_pids = json::array();
+    for (const pcr_pid_summary& p : s.pcr_pids) {
+        pcr_pids.push_back({{"pid", p.pid},
+                            {"pcrs", p.pcrs},
+                            {"bitrate", std::llround(p.bitrate)},
+                            {"measured_s", std::round(p.measured_s * 1000) / 1000}});
+    }
     json summary = {{"packets", s.packets},
                     {"bytes", s.bytes},
                     {"sync_bytes_skipped", s.sync_bytes_skipped},

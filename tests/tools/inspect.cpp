@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "../mpegcore/ts_test_util.h"
+#include "ts_test_util.h"
 #include "inspect_json.h"
 #include "kv_dvb_text.h"
 #include "kv_ts_inspector.h"

@@ -13,6 +13,7 @@
 #include <sstream>
 #include <thread>
 
+#include "files.h"
 #include "kv_asi_analyzer.h"
 #include "kv_play_alarms.h"
 #include "kv_play_status.h"
@@ -25,21 +26,9 @@ namespace pb = mpegcore::packet_bytes;
 
 namespace {
 
-std::string temp_path(const std::string& name) {
-    const char* dir = getenv("TMPDIR");
-    return std::string(dir != nullptr && *dir != '\0' ? dir : "/tmp") + "/kv_play_test_" +
-           std::to_string(getpid()) + "_" + name;
-}
-
-std::vector<uint8_t> read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
-}
-
-void write_file(const std::string& path, const std::vector<uint8_t>& data) {
-    std::ofstream(path, std::ios::binary)
-        .write(reinterpret_cast<const char*>(data.data()), std::streamsize(data.size()));
-}
+using kvtest::read_file;
+using kvtest::temp_path;
+using kvtest::write_file;
 
 // One payload packet, with a PCR (and optionally its discontinuity indicator) when given.
 void put_packet(std::vector<uint8_t>& out, uint16_t pid, uint8_t cc, const uint64_t* pcr,

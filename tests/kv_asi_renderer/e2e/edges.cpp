@@ -131,7 +131,7 @@ TEST_F(WireEdges, EndOfStreamPlaysTheTailThenPostsEos) {
         std::ofstream out(file, std::ios::binary);
         out.write(reinterpret_cast<const char*>(s.bytes.data()), long(s.bytes.size()));
     }
-    kvtest::add_board(kNode, m_capture, false);
+    add_vboard(kNode, false, false, 2, 675000, m_capture);
     m_pipeline = gst_parse_launch(("filesrc location=" + file +
                                    " ! tsparse set-timestamps=true ! clocksync ! kv_asi_renderer "
                                    "name=sink latency=300 v4l2=" + kNode)

@@ -76,15 +76,15 @@ TEST_F(WireFaultsConcurrency, NodeVanishingMidPlayStopsTheLineButNotTheElement) 
     ASSERT_EQ(set_state(GST_STATE_PAUSED), GST_STATE_CHANGE_NO_PREROLL);  // pads active
     feed(s, 0, second);
     play();
-    ASSERT_TRUE(kvtest::eventually([&] { return counters().packets > 0; }));
+    ASSERT_TRUE(eventually([&] { return counters().packets > 0; }));
 
     kv_vboard_vanish(kNode);
     const uint64_t sent = counters().packets;
     // The source goes on: the FIFO fills up, overflows and resets; the line stays down.
     feed(s, second, s.packets());
     EXPECT_TRUE(
-        kvtest::eventually([&] { return m_manager.count(eAlarmRemuxerOutputOverflow) > 0; }));
-    EXPECT_TRUE(kvtest::eventually([&] { return stat("Reset") != "0"; }));
+        eventually([&] { return m_manager.count(eAlarmRemuxerOutputOverflow) > 0; }));
+    EXPECT_TRUE(eventually([&] { return stat("Reset") != "0"; }));
     EXPECT_EQ(stat("Last error"), "There is not enough memory in fifo");
     EXPECT_EQ(counters().packets, sent);
     GstState state = GST_STATE_VOID_PENDING;
@@ -96,10 +96,10 @@ TEST_F(WireFaultsConcurrency, NodeVanishingMidPlayStopsTheLineButNotTheElement) 
     ASSERT_EQ(set_state(GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
     EXPECT_EQ(node_descriptors(), 0);
     EXPECT_EQ(set_state(GST_STATE_READY), GST_STATE_CHANGE_FAILURE);
-    kvtest::add_board(kNode, m_capture, true);
+    add_vboard(kNode, false, true, 2, 675000, m_capture);
     play();
     feed(s, 0, second);
-    EXPECT_TRUE(kvtest::eventually([&] { return counters().packets > 0; }));
+    EXPECT_TRUE(eventually([&] { return counters().packets > 0; }));
     EXPECT_EQ(set_state(GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
     EXPECT_EQ(node_descriptors(), 0);
 }

@@ -75,7 +75,7 @@ TEST_F(WireRealTime, GeneratedStreamsPacedByPcrKeepEveryPacketAndPcrAccuracy) {
 // the primed frames: no frame counted as skipped, no step in the time line.
 TEST_F(WireRealTime, DriverSequenceStartDoesNotShiftTheLine) {
     const ts_stream s = kvtest::generated(38000000, 1);
-    for (const int64_t first_sequence : {0, 1, 2, 1000}) {
+    for (const uint32_t first_sequence : {0u, 1u, 2u, 1000u}) {
         SCOPED_TRACE(first_sequence);
         wire::settings st;
         st.first_sequence = first_sequence;

@@ -195,7 +195,7 @@ struct settings {
     // Buffers go into the element's pad on the feeding thread, not through appsrc: GLib's
     // locks are invisible to ThreadSanitizer, so only then does it see the hand-over.
     bool direct = false;
-    int64_t first_sequence = -1;  // of the board's first dequeued buffer; -1: its default
+    uint32_t first_sequence = 2;  // of the board's first dequeued buffer
 };
 
 // What a run leaves: the line and the element's and board's account of it.
@@ -270,7 +270,7 @@ protected:
     // Board and pipeline, left in NULL.
     void build(const settings& s) {
         m_settings = s;
-        kvtest::add_board(kNode, m_capture, s.freerun, s.first_sequence);
+        add_vboard(kNode, false, s.freerun, s.first_sequence, 675000, m_capture);
         if (s.direct) {
             m_pipeline = gst_pipeline_new("wire");
             m_sink = gst_element_factory_make("kv_asi_renderer", "sink");
@@ -345,7 +345,7 @@ protected:
         }
     }
 
-    kv_vboard_counters counters() { return kvtest::counters(kNode); }
+    kv_vboard_counters counters() { return board_counters(kNode); }
     std::string stat(const std::string& name) { return kvtest::stat(m_sink, name); }
 
     // Errors or warnings on the bus so far, as "domain code: text", taken.
@@ -390,7 +390,7 @@ protected:
     // Until the line has carried no new packet for 0.2 s.
     void wait_quiet() {
         uint64_t last = UINT64_MAX;
-        kvtest::eventually([&] {
+        eventually([&] {
             const uint64_t now = counters().packets;
             if (std::exchange(last, now) == now) {
                 return true;

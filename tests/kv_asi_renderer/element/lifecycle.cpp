@@ -6,7 +6,6 @@
 
 namespace {
 
-using kvtest::eventually;
 using ElementLifecycleConcurrency = kvtest::ElementTest;
 
 TEST_F(ElementLifecycleConcurrency, PlayAndStopWithBuffersFlowing) {
@@ -15,8 +14,8 @@ TEST_F(ElementLifecycleConcurrency, PlayAndStopWithBuffersFlowing) {
     kvtest::recording_manager manager;
     g_object_set(el, "latency", 20u, "buffer-size", 1u << 20, "alarm-source-name", "asi-cycle",
                  "alarm-manager", &manager, nullptr);
-    const int fds = kvtest::open_fd_count();
-    const int threads = kvtest::thread_count();
+    const int fds = open_fd_count();
+    const int threads = thread_count();
     const kv_base_statistics* stats = kvtest::statistics(el);
 
     for (int cycle = 0; cycle < 200; ++cycle) {
@@ -46,8 +45,8 @@ TEST_F(ElementLifecycleConcurrency, PlayAndStopWithBuffersFlowing) {
         EXPECT_EQ(set_state(GST_STATE_PAUSED), GST_STATE_CHANGE_SUCCESS);
         upstream.join();
         ASSERT_EQ(set_state(GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
-        ASSERT_EQ(kvtest::thread_count(), threads);
-        ASSERT_EQ(kvtest::open_fd_count(), fds);
+        ASSERT_EQ(thread_count(), threads);
+        ASSERT_EQ(open_fd_count(), fds);
         ASSERT_TRUE(manager.alarms().empty());
     }
     const kv_vboard_counters c = counters();
@@ -59,21 +58,21 @@ TEST_F(ElementLifecycleConcurrency, PlayAndStopWithBuffersFlowing) {
 // A pipeline torn down without passing through NULL: finalize still joins the output
 // thread and closes the device.
 TEST_F(ElementLifecycleConcurrency, ReleasedWhilePlayingStopsOutputFirst) {
-    const int fds = kvtest::open_fd_count();
-    const int threads = kvtest::thread_count();
+    const int fds = open_fd_count();
+    const int threads = thread_count();
     g_object_set(el, "latency", 0u, nullptr);
     play();
     const kvtest::ts_stream s = kvtest::pcr_stream(1);
     push_packets(s, 0, s.packets());
     ASSERT_TRUE(eventually([&] { return counters().frames_sent > 10; }));
-    ASSERT_EQ(kvtest::thread_count(), threads + 1);
+    ASSERT_EQ(thread_count(), threads + 1);
 
     // Marked NULL by hand so that disposal proceeds as after a state change nobody made.
     GST_STATE(el) = GST_STATE_NULL;
     gst_harness_teardown(h);
     h = nullptr;
-    EXPECT_EQ(kvtest::thread_count(), threads);
-    EXPECT_EQ(kvtest::open_fd_count(), fds);
+    EXPECT_EQ(thread_count(), threads);
+    EXPECT_EQ(open_fd_count(), fds);
     EXPECT_EQ(counters().streamoff, 1u);
 }
 

@@ -8,7 +8,6 @@
 namespace {
 
 using kvtest::bus_text;
-using kvtest::eventually;
 
 class ElementMessages : public kvtest::ElementTest {
 protected:
@@ -72,13 +71,13 @@ TEST_F(ElementMessages, RefusalsPostAnErrorWithTheReason) {
         {"short driver buffers",
          [&] {
              kv_vboard_remove_all();
-             kvtest::add_board(kNode, "", true, -1, 600000);
+             add_vboard(kNode, false, true, 2, 600000);
          },
          GST_RESOURCE_ERROR_SETTINGS,
          "Cannot set up the ASI device " + node +
              "driver buffer 0 holds 600000 bytes, a frame needs 675000"},
     };
-    const int fds = kvtest::open_fd_count();
+    const int fds = open_fd_count();
     for (const auto& c : cases) {
         SCOPED_TRACE(c.label);
         g_object_set(el, "v4l2", kNode, "buffer-size", 4u << 20, nullptr);
@@ -88,7 +87,7 @@ TEST_F(ElementMessages, RefusalsPostAnErrorWithTheReason) {
         const kvtest::bus_log log = taken();
         EXPECT_EQ(log.errors, std::vector<std::string>{bus_text(R, c.code, c.error)});
         EXPECT_TRUE(log.warnings.empty()) << testing::PrintToString(log.warnings);
-        EXPECT_EQ(kvtest::open_fd_count(), fds);
+        EXPECT_EQ(open_fd_count(), fds);
     }
 }
 

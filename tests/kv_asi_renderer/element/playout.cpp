@@ -8,11 +8,10 @@
 namespace {
 
 using kvtest::ElementTest;
-using kvtest::eventually;
 
 TEST_F(ElementTest, StateChangesOpenStartStopAndCloseTheDevice) {
-    const int fds = kvtest::open_fd_count();
-    const int threads = kvtest::thread_count();
+    const int fds = open_fd_count();
+    const int threads = thread_count();
 
     // Refused opens are in messages.cpp. Output cannot start on a device that was never opened.
     EXPECT_EQ(GST_ELEMENT_GET_CLASS(el)->change_state(el, GST_STATE_CHANGE_PAUSED_TO_PLAYING),
@@ -25,22 +24,22 @@ TEST_F(ElementTest, StateChangesOpenStartStopAndCloseTheDevice) {
     const kvtest::ts_stream s = kvtest::pcr_stream(1);
     g_object_set(el, "v4l2", kNode, "latency", 0u, nullptr);
     play();
-    EXPECT_EQ(kvtest::thread_count(), threads + 1);
+    EXPECT_EQ(thread_count(), threads + 1);
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_EQ(counters().qbuf, 0u);
     push_packets(s, 0, s.packets());
     ASSERT_TRUE(eventually([&] { return counters().frames_sent > 20; }));
     ASSERT_EQ(set_state(GST_STATE_PAUSED), GST_STATE_CHANGE_SUCCESS);
-    EXPECT_EQ(kvtest::thread_count(), threads + 1);
+    EXPECT_EQ(thread_count(), threads + 1);
     const uint64_t sent = counters().frames_sent;
     EXPECT_TRUE(eventually([&] { return counters().frames_sent > sent + 20; }));
     ASSERT_EQ(set_state(GST_STATE_READY), GST_STATE_CHANGE_SUCCESS);
-    EXPECT_EQ(kvtest::thread_count(), threads);  // output thread joined
+    EXPECT_EQ(thread_count(), threads);  // output thread joined
     ASSERT_EQ(set_state(GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
     const kv_vboard_counters c = counters();
     EXPECT_EQ(c.streamon, 1u);
     EXPECT_EQ(c.streamoff, 1u);
-    EXPECT_EQ(kvtest::open_fd_count(), fds);
+    EXPECT_EQ(open_fd_count(), fds);
 
     // The board refuses to stream: PLAYING is reached (streaming starts once the ring is
     // primed), output stalls after priming and leaving PLAYING does not hang.
@@ -51,7 +50,7 @@ TEST_F(ElementTest, StateChangesOpenStartStopAndCloseTheDevice) {
     ASSERT_EQ(set_state(GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
     EXPECT_EQ(counters().streamon, 1u);
     EXPECT_EQ(counters().frames_sent, c.frames_sent);
-    EXPECT_EQ(kvtest::thread_count(), threads);
+    EXPECT_EQ(thread_count(), threads);
 
     // The next open of the healed board streams again.
     kv_vboard_clear_faults(kNode);
@@ -71,7 +70,7 @@ TEST_F(ElementTest, StateChangesOpenStartStopAndCloseTheDevice) {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     EXPECT_EQ(counters().qbuf, queued);
     EXPECT_EQ(set_state(GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
-    EXPECT_EQ(kvtest::open_fd_count(), fds);
+    EXPECT_EQ(open_fd_count(), fds);
 }
 
 // Stamp pacing puts every buffer's last packet at the buffer's time: the captured line
@@ -79,7 +78,7 @@ TEST_F(ElementTest, StateChangesOpenStartStopAndCloseTheDevice) {
 TEST_F(ElementTest, BuffersAreStampedWithDtsElsePtsIn100nsUnits) {
     const std::string capture = "/tmp/kv-element-" + std::to_string(getpid()) + ".cap";
     kv_vboard_remove_all();
-    kvtest::add_board(kNode, capture, true);
+    add_vboard(kNode, false, true, 2, 675000, capture);
     g_object_set(el, "time-control", 1u, nullptr);
 
     const GstClockTime ms = GST_MSECOND, none = GST_CLOCK_TIME_NONE;

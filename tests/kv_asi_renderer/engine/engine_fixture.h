@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "board_fixture.h"
+#include "files.h"
 #include "kv_asi_renderer/kv_asi_process_renderer.h"
 #include "kv_ts_generator.h"
 
@@ -85,10 +86,7 @@ private:
     std::map<std::string, std::shared_ptr<kv_i_alarm_event>> m_alarms;
 };
 
-inline std::vector<uint8_t> read_file(const std::string& path) {
-    std::ifstream f(path, std::ios::binary);
-    return std::vector<uint8_t>(std::istreambuf_iterator<char>(f), {});
-}
+using kvtest::read_file;
 
 // A constant-rate stream of n packets with a PCR every 30 ms.
 inline std::vector<uint8_t> generated(uint64_t rate_bps, size_t n) {
@@ -99,19 +97,6 @@ inline std::vector<uint8_t> generated(uint64_t rate_bps, size_t n) {
     std::string error;
     EXPECT_TRUE(kv_ts_generate::generate(o, ts, error)) << error;
     return ts;
-}
-
-// Polls until pred holds; false when it still does not after `limit` (a hang guard).
-template <class Pred>
-bool wait_until(Pred pred, std::chrono::seconds limit = std::chrono::seconds(60)) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
 }
 
 // One engine on one free-running board, its dispatcher handing alarms to a test manager.

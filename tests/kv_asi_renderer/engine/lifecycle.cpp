@@ -43,13 +43,13 @@ TEST_F(EngineConcurrency, StartStopCyclesWithBuffersFlowingLeaveNothingBehind) {
         ASSERT_TRUE(engine.start());
         if (cycle % 2 == 1) {  // let some buffers through; on even cycles stop at once
             const uint64_t queued = counters().qbuf;
-            ASSERT_TRUE(wait_until([&] { return counters().qbuf >= queued + 3; }));
+            ASSERT_TRUE(eventually([&] { return counters().qbuf >= queued + 3; }));
         }
         engine.stop();
     }
     const uint64_t sent = counters().packets;  // still playing after all that
     ASSERT_TRUE(engine.start());
-    ASSERT_TRUE(wait_until([&] { return counters().packets >= sent + 100; }));
+    ASSERT_TRUE(eventually([&] { return counters().packets >= sent + 100; }));
     engine.stop();
 
     bQuit = true;

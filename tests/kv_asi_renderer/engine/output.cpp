@@ -44,7 +44,7 @@ TEST_F(EngineTest, ConstantRateStreamLeavesTheLineOnceInOrderAtItsTimes) {
     push_packets(ts, 0, n, 211);
     ASSERT_TRUE(engine.start());
     // The newest packet waits for an anchor after it and never becomes due.
-    ASSERT_TRUE(wait_until([&] { return counters().packets >= n - 1; }))
+    ASSERT_TRUE(eventually([&] { return counters().packets >= n - 1; }))
         << counters().packets << " of " << n - 1 << " packets on the line";
     engine.stop();
     EXPECT_EQ(engine.get_start_fifo_time(), kT0);
@@ -101,7 +101,7 @@ TEST_F(EngineTest, LatencyAndWarmUpGateOutputAndUnderflow) {
     engine.stop();
     engine.set_warm_up(std::chrono::nanoseconds(0));
     ASSERT_TRUE(engine.start());
-    ASSERT_TRUE(wait_until([&] { return manager.count(kUnderflow) >= 3; }));
+    ASSERT_TRUE(eventually([&] { return manager.count(kUnderflow) >= 3; }));
     EXPECT_EQ(manager.count(kOverflow), 0);
     engine.stop();
     EXPECT_EQ(counters().qbuf + counters().word_violations, 0u);
@@ -116,16 +116,16 @@ TEST_F(EngineTest, LatencyAndWarmUpGateOutputAndUnderflow) {
     EXPECT_EQ(engine.get_latency(), 1200000);
     engine.set_warm_up(std::chrono::nanoseconds(0));
     ASSERT_TRUE(engine.start());
-    ASSERT_TRUE(wait_until([&] { return manager.count(kUnderflow) >= 2; }));
+    ASSERT_TRUE(eventually([&] { return manager.count(kUnderflow) >= 2; }));
     push_packets(ts, 0, 502, 1000);
-    ASSERT_TRUE(wait_until([&] { return stat("Fullness fifo") == "000:00:00.050"; }));
+    ASSERT_TRUE(eventually([&] { return stat("Fullness fifo") == "000:00:00.050"; }));
     const long underflows = manager.count(kUnderflow);
     push_packets(ts, 502, 1402, 1000);  // 140 ms: one frame short
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     EXPECT_EQ(manager.count(kUnderflow), underflows);
     EXPECT_EQ(counters().qbuf, 0u);
     push_packets(ts, 1402, 1802, 1000);
-    ASSERT_TRUE(wait_until([&] { return counters().packets >= 1801; }));
+    ASSERT_TRUE(eventually([&] { return counters().packets >= 1801; }));
     engine.stop();
     EXPECT_EQ(engine.get_start_fifo_time(), kT0);
     EXPECT_EQ(engine.get_late_packets(), 0u);
@@ -153,7 +153,7 @@ TEST_F(EngineTest, FifoResetRequestsAreReportedAndCountedOnce) {
                                 rc.resetWhenEmpty));
         push_packets(ts, 0, 200, 20000);  // 400 ms
         ASSERT_TRUE(engine.start());
-        ASSERT_TRUE(wait_until([&] { return stat("Reset") != "0"; }))
+        ASSERT_TRUE(eventually([&] { return stat("Reset") != "0"; }))
         << log.count("kv_asi_renderer: Can't open asi device: " + std::string(kNode) + "\n")
         << " failed opens";
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -206,14 +206,14 @@ TEST_F(EngineTest, DeviceFaultsHealAndStopStaysPrompt) {
         ASSERT_TRUE(engine.start());
         double recovery_ms = 0;
         if (c.count > 0) {
-            ASSERT_TRUE(wait_until([&] { return counters().dqbuf >= 20; }));
+            ASSERT_TRUE(eventually([&] { return counters().dqbuf >= 20; }));
         } else {
             // Repeats of the lasting fault's line are held back: one line a second at most.
             std::this_thread::sleep_for(std::chrono::milliseconds(1500));
             const uint64_t sent = counters().frames_sent;
             const auto tHealed = std::chrono::steady_clock::now();
             kv_vboard_clear_faults(kNode);
-            ASSERT_TRUE(wait_until([&] { return counters().frames_sent > sent + 6; }));
+            ASSERT_TRUE(eventually([&] { return counters().frames_sent > sent + 6; }));
             recovery_ms = std::chrono::duration<double, std::milli>(
                               std::chrono::steady_clock::now() - tHealed).count();
         }
@@ -253,15 +253,15 @@ TEST_F(EngineTest, DeviceFaultsHealAndStopStaysPrompt) {
     engine.reset_statistics();
     push_packets(ts, 0, 100, 20000);
     ASSERT_TRUE(engine.start());
-    ASSERT_TRUE(wait_until([&] { return counters().dqbuf >= 5; }));
+    ASSERT_TRUE(eventually([&] { return counters().dqbuf >= 5; }));
     ASSERT_EQ(kv_vboard_vanish(kNode), 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     add_board();  // a new node under the same path, counters from 0
-    ASSERT_TRUE(wait_until([&] { return stat("Reset") != "0"; }))
+    ASSERT_TRUE(eventually([&] { return stat("Reset") != "0"; }))
         << log.count("kv_asi_renderer: Can't open asi device: " + std::string(kNode) + "\n")
         << " failed opens";
     push_packets(ts, 100, 200, 20000);
-    EXPECT_TRUE(wait_until([&] { return counters().packets >= 99; }));
+    EXPECT_TRUE(eventually([&] { return counters().packets >= 99; }));
     // Gone for good: stop does not wait for it.
     ASSERT_EQ(kv_vboard_vanish(kNode), 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -286,7 +286,7 @@ TEST_F(EngineTest, DeviceFaultsHealAndStopStaysPrompt) {
     ASSERT_TRUE(engine.init(kNode, 1 << 20, 0, stamp_time_type, false, false));
     push_packets(ts, 0, 200, 20000);
     ASSERT_TRUE(engine.start());
-    ASSERT_TRUE(wait_until([&] { return counters().dqbuf >= 2; }));
+    ASSERT_TRUE(eventually([&] { return counters().dqbuf >= 2; }));
     ASSERT_EQ(kv_vboard_insert_idle_frames(kNode, 1000), 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     const auto t0 = std::chrono::steady_clock::now();

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "mpegcore/ts_test_util.h"
+#include "ts_test_util.h"
 
 using namespace mpegcore;
 

@@ -10,7 +10,7 @@
 
 #include "kv_ts_generator.h"
 #include "mpegcore/fifo/kv_mpegts_fifo.h"
-#include "mpegcore/ts_test_util.h"
+#include "ts_test_util.h"
 
 using namespace mpegcore;
 

@@ -19,7 +19,7 @@
 
 #include "mpegcore/kvdescriptorlist.h"
 
-#include "../ts_test_util.h"
+#include "ts_test_util.h"
 
 namespace oracle {
 

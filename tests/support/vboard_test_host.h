@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "files.h"
 #include "kv_vboard.h"
 #include "kv_vboard_line.h"
 
@@ -182,15 +183,7 @@ inline kv_vboard_config config(const char* node, bool freerun = false, bool mpla
     return c;
 }
 
-inline std::string temp_path(const std::string& name) {
-    const char* dir = getenv("TMPDIR");
-    return std::string(dir && *dir ? dir : "/tmp") + "/kv_vboard_test_" + std::to_string(getpid()) +
-           "_" + name;
-}
-
-inline std::vector<uint8_t> read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
-}
+using kvtest::read_file;
+using kvtest::temp_path;
 
 }  // namespace vboard_test

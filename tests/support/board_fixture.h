@@ -1,13 +1,17 @@
 #pragma once
-// The emulated board shared by the device and engine tests, and counts of what the process
-// still holds (descriptors, threads, buffer mappings) for leak checks.
+// The emulated board shared by the device, engine, element and end-to-end tests, counts of
+// what the process still holds (descriptors, threads, buffer mappings) for leak checks,
+// and the liveness wait they all use.
 
 #include <dirent.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <string>
+#include <thread>
 
 #include "kv_asi_renderer/kv_v4l2_asi_output_device.h"
 #include "kv_vboard.h"
@@ -25,6 +29,27 @@ inline int proc_self_count(const char* what) {
         closedir(d);
     }
     return n;
+}
+
+inline int open_fd_count() {
+    return proc_self_count("fd") - 1;  // the directory stream itself
+}
+inline int thread_count() {
+    return proc_self_count("task");
+}
+
+// Polls cond until it holds or a deadline generous even for a sanitized build on a loaded
+// machine passes. Only for liveness: nothing here measures speed.
+inline bool eventually(const std::function<bool()>& cond,
+                       std::chrono::seconds limit = std::chrono::seconds(60)) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!cond()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
 }
 
 // Host mappings of the board's buffer memory still in place.

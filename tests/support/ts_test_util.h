@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "files.h"
 #include "kvcore/kv_bitstream.h"
 #include "mpegcore/BaseMpegTable.h"
 #include "mpegcore/TransportPacket.h"
@@ -157,8 +158,7 @@ inline Bytes psi(uint16_t pid, uint8_t& cc, const Bytes& section) {
 
 // A capture of the corpus, or nothing when it is absent.
 inline Bytes load_capture(const std::string& name) {
-    std::ifstream in(std::string(KV_CORPUS_DIR) + "/" + name, std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(in), {});
+    return kvtest::read_file(std::string(KV_CORPUS_DIR) + "/" + name);
 }
 
 // Names of the captures in the corpus, sorted; none when the corpus is absent.

@@ -21,6 +21,8 @@
 #include "kvcore/kv_bitstream.h"
 #include "mpegcore/BaseMpegTable.h"
 #include "mpegcore/TransportPacket.h"
+#include "mpegcore/kvdescriptorlist.h"
+#include "mpegcore/table_view.h"
 
 namespace ts_test {
 
@@ -105,6 +107,59 @@ void expect_prefixes_refused(const Bytes& s) {
     }
     T table;
     EXPECT_TRUE(read(table, cat({s, Bytes(7, 0xFF)})));
+}
+
+// The fields of a table or descriptor on one line, as its description names them:
+// name=value with numbers in hex, text in quotes, lists as name=[{...} {...}], descriptor
+// loops by their count. Golden files hold these lines.
+class line_view : public mpegcore::table_view {
+public:
+    void field(const char* name, uint64_t value, format f) override {
+        char hex[20];
+        std::snprintf(hex, sizeof hex, "%llX", static_cast<unsigned long long>(value));
+        add(name, f == format::number ? hex : mpegcore::format_field(value, f));
+    }
+    void text(const char* name, const std::string& value) override {
+        add(name, "'" + value + "'");
+    }
+    void bytes(const char* name, const uint8_t* data, size_t size) override {
+        add(name, mpegcore::format_hex(data, size));
+    }
+    void descriptors(const char* name, const mpegcore::KVDescriptorList& list) override;
+    void begin_list(const char* name) override { add(name, "["); }
+    void begin_entry() override { add(nullptr, "{"); }
+    void end_entry() override { m_text += "}"; }
+    void end_list() override { m_text += "]"; }
+
+    std::string text() const { return m_text; }
+
+private:
+    void add(const char* name, const std::string& value) {
+        if (!m_text.empty() && m_text.back() != '[' && m_text.back() != '{') {
+            m_text += ' ';
+        }
+        m_text += name != nullptr ? std::string(name) + "=" + value : value;
+    }
+    std::string m_text;
+};
+
+// Each descriptor as its tag and its fields (a raw one as its tag alone).
+inline void line_view::descriptors(const char* name, const mpegcore::KVDescriptorList& list) {
+    begin_list(name);
+    for (const auto& d : list.descriptor) {
+        begin_entry();
+        field("tag", d->descriptor_tag, format::number);
+        d->view(*this);
+        end_entry();
+    }
+    end_list();
+}
+
+template <class T>
+std::string view_text(const T& item) {
+    line_view v;
+    item.view(v);
+    return v.text();
 }
 
 // ----- packets -----

@@ -14,14 +14,14 @@
 #include <utility>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "ts_test_util.h"
-#include "inspect_json.h"
 #include "kv_dvb_text.h"
 #include "kv_ts_inspector.h"
 
 using namespace kv_ts_inspect;
-using inspect_test::at;
-using inspect_test::Json;
+using Json = nlohmann::json;
 using ts_test::Bytes;
 using Lines = std::vector<std::string>;
 
@@ -38,8 +38,8 @@ inspect_summary inspect(const Bytes& ts, Lines& lines, size_t chunk = 4096) {
 }
 
 Json parse(const std::string& line) {
-    Json j;
-    EXPECT_TRUE(inspect_test::parse_json(line, j)) << line;
+    const Json j = Json::parse(line, nullptr, false);
+    EXPECT_TRUE(j.is_object()) << line;
     return j;
 }
 
@@ -49,13 +49,13 @@ void check(const Lines& lines, const inspect_summary& s) {
     std::map<std::string, uint64_t> per_table;
     for (const std::string& line : lines) {
         const Json j = parse(line);
-        ++per_table[at(j, "table")];
-        EXPECT_LT(std::stoull(at(j, "packet")), s.packets);
+        ++per_table[j.value("table", "")];
+        EXPECT_LT(j.value("packet", UINT64_MAX), s.packets);
     }
     EXPECT_EQ(per_table, s.sections);
     EXPECT_EQ(s.packets * 188 + s.sync_bytes_skipped + s.trailing_bytes, s.bytes);
     EXPECT_LT(s.trailing_bytes, 188u);
-    EXPECT_EQ(at(parse(render_summary(s)), "summary.packets"), std::to_string(s.packets));
+    EXPECT_EQ(parse(render_summary(s))["summary"]["packets"], s.packets);
 }
 
 }  // namespace
@@ -65,19 +65,19 @@ TEST(InspectJson, WrittenValuesReadBackExactly) {
     for (int b = 0; b < 256; ++b) {
         every_byte += char(b);
     }
-    const nlohmann::json texts = {dvb_text(every_byte), dvb_text("\x15Gr\xC3\xBC\xC3\x9F"),
+    const Json texts = {dvb_text(every_byte), dvb_text("\x15Gr\xC3\xBC\xC3\x9F"),
                                   dvb_text("\x15\xFF\xC3")};  // not UTF-8 although announced so
-    const Json j = parse(nlohmann::json{{"texts", texts}}.dump());
+    const Json j = parse(Json{{"texts", texts}}.dump())["texts"];
     // Each DVB byte is the code point of its number, so every byte decodes back.
     std::string bytes;
-    const std::string latin = at(j, "texts.0");
+    const std::string latin = j[0];
     for (size_t i = 0; i < latin.size(); ++i) {
         const unsigned char c = latin[i];
         bytes += c < 0x80 ? char(c) : char((c & 0x03) << 6 | (latin[++i] & 0x3F));
     }
     EXPECT_EQ(bytes, every_byte);
-    EXPECT_EQ(at(j, "texts.1"), "\x15Gr\xC3\xBC\xC3\x9F");        // UTF-8 as it stands
-    EXPECT_EQ(at(j, "texts.2"), "\x15\xEF\xBF\xBD\xEF\xBF\xBD");  // U+FFFD twice
+    EXPECT_EQ(j[1], "\x15Gr\xC3\xBC\xC3\x9F");        // UTF-8 as it stands
+    EXPECT_EQ(j[2], "\x15\xEF\xBF\xBD\xEF\xBF\xBD");  // U+FFFD twice
 
     // Both sides of the January/February correction of the MJD conversion.
     for (const auto& [mjd, text] : {std::make_pair(45218, "1982-09-06 00:00:00"),
@@ -285,6 +285,6 @@ TEST(InspectCommand, ExitStatusAndOutputStreams) {
     for (const std::string& line : out) {
         parse(line);
     }
-    EXPECT_EQ(at(parse(out.back()), "summary.packets"), "1145");
+    EXPECT_EQ(parse(out.back())["summary"]["packets"], 1145);
     EXPECT_EQ(std::get<1>(run("--summary-only '" + capture + "'")), Lines{out.back()});
 }

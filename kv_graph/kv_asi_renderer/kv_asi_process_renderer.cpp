@@ -569,7 +569,6 @@ void kv_asi_process_renderer::work_thread(std::future<void>&& fExit) {
     std::chrono::milliseconds errorWait{0};  // grows while the device keeps failing
     uint32_t nFlushSeen = m_nFlush.load();
     mpegcore::kv_mpegts_items items;
-    kv_data_provider& provider = *m_pDevice;
 
     for (;;) {
         if (fExit.wait_for(wait) == std::future_status::ready) {
@@ -611,57 +610,64 @@ void kv_asi_process_renderer::work_thread(std::future<void>&& fExit) {
             continue;
         }
 
-        uint64_t tBegin = 0;
-        uint64_t tEnd = 0;
-        uint64_t nSize = 0;
-        uint8_t* pData = nullptr;
-        if (!provider.map(tBegin, tEnd, &pData, nSize)) {
-            wait = after_map_failed(errorWait);
-            continue;
-        }
-        if (errorWait.count() > 0 || m_watch.bFaulty) {
-            m_watch.bFaulty = false;
-            report(kv_asi_level::info, kv_asi_topic::device_fault, "The ASI device works again");
-        }
-        errorWait = std::chrono::milliseconds{0};
-        m_statistics.set_skip_hw_frame(m_pDevice->get_skip_frame());
-        m_statistics.set_device_time(tEnd);
-        unmap_guard guard(provider);
-        const uint32_t nAhead = m_pDevice->frames_ahead();
+        wait = play_frame(nFullness, bHold, bEnding, errorWait, items);
+    }
+}
 
-        if (!m_bAnchored) {
-            if (!may_anchor(nFullness, nAhead, bHold, bEnding)) {
-                continue;  // the buffer goes out idle and keeps the line fed
-            }
-            anchor(tBegin, nAhead);
-        }
+std::chrono::milliseconds kv_asi_process_renderer::play_frame(
+    int64_t nFullness, bool bHold, bool bEnding, std::chrono::milliseconds& errorWait,
+    mpegcore::kv_mpegts_items& items) {
+    kv_data_provider& provider = *m_pDevice;
+    uint64_t tBegin = 0;
+    uint64_t tEnd = 0;
+    uint64_t nSize = 0;
+    uint8_t* pData = nullptr;
+    if (!provider.map(tBegin, tEnd, &pData, nSize)) {
+        return after_map_failed(errorWait);
+    }
+    if (errorWait.count() > 0 || m_watch.bFaulty) {
+        m_watch.bFaulty = false;
+        report(kv_asi_level::info, kv_asi_topic::device_fault, "The ASI device works again");
+    }
+    errorWait = std::chrono::milliseconds{0};
+    m_statistics.set_skip_hw_frame(m_pDevice->get_skip_frame());
+    m_statistics.set_device_time(tEnd);
+    unmap_guard guard(provider);
+    const uint32_t nAhead = m_pDevice->frames_ahead();
 
-        // The frame on the FIFO's time line; unsigned so that a wrap is defined.
-        const uint64_t tFrameBegin = static_cast<uint64_t>(m_tStartFifo) + tBegin;
-        const uint64_t tFrameEnd = static_cast<uint64_t>(m_tStartFifo) + tEnd;
-        if (!bHold) {
-            m_fifo.get_data(static_cast<int64_t>(tFrameBegin), static_cast<int64_t>(tFrameEnd),
-                            items);
+    if (!m_bAnchored) {
+        if (!may_anchor(nFullness, nAhead, bHold, bEnding)) {
+            return {};  // the buffer goes out idle and keeps the line fed
         }
-        m_statistics.set_stream_time(static_cast<uint64_t>(m_fifo.get_back_time()));
+        anchor(tBegin, nAhead);
+    }
 
-        if (logs(kv_asi_level::log)) {
-            report(kv_asi_level::log, kv_asi_topic::state,
-                   "frame at " + std::to_string(tBegin) + ": " + std::to_string(items.size()) +
-                       " packets, FIFO " + std::to_string(nFullness / 10000) + " ms");
+    // The frame on the FIFO's time line; unsigned so that a wrap is defined.
+    const uint64_t tFrameBegin = static_cast<uint64_t>(m_tStartFifo) + tBegin;
+    const uint64_t tFrameEnd = static_cast<uint64_t>(m_tStartFifo) + tEnd;
+    if (!bHold) {
+        m_fifo.get_data(static_cast<int64_t>(tFrameBegin), static_cast<int64_t>(tFrameEnd),
+                        items);
+    }
+    m_statistics.set_stream_time(static_cast<uint64_t>(m_fifo.get_back_time()));
+
+    if (logs(kv_asi_level::log)) {
+        report(kv_asi_level::log, kv_asi_topic::state,
+               "frame at " + std::to_string(tBegin) + ": " + std::to_string(items.size()) +
+                   " packets, FIFO " + std::to_string(nFullness / 10000) + " ms");
+    }
+    if (!items.empty() || m_filler.get_carry_size() > 0) {
+        if (fill_asi_data(tFrameBegin, tFrameEnd, pData, nSize, items)) {
+            m_pDevice->set_data_size(nSize);
         }
-        if (!items.empty() || m_filler.get_carry_size() > 0) {
-            if (fill_asi_data(tFrameBegin, tFrameEnd, pData, nSize, items)) {
-                m_pDevice->set_data_size(nSize);
-            }
-            m_fifo.revert(items);
-            m_tLastDataEnd = tEnd;
-        }
-        if (bEnding && is_played_out(tBegin, nAhead, tFrameEnd)) {
-            m_bEosPosted = true;
-            if (m_onEos) {
-                m_onEos();
-            }
+        m_fifo.revert(items);
+        m_tLastDataEnd = tEnd;
+    }
+    if (bEnding && is_played_out(tBegin, nAhead, tFrameEnd)) {
+        m_bEosPosted = true;
+        if (m_onEos) {
+            m_onEos();
         }
     }
+    return {};
 }

@@ -162,6 +162,12 @@ public:
 
 private:
     void work_thread(std::future<void>&& fExit);
+    // Plays the next device buffer: maps it, anchors the time line when it may, fills it
+    // with the FIFO's packets of its frame and hands it back. Returns how long the thread
+    // waits before the next one (0, or a back-off while the device fails).
+    std::chrono::milliseconds play_frame(int64_t nFullness, bool bHold, bool bEnding,
+                                         std::chrono::milliseconds& errorWait,
+                                         mpegcore::kv_mpegts_items& items);
     // Latency the anchor needs now: the requested one, or more when items become
     // visible too late to leave on time at it.
     int64_t effective_latency() const;

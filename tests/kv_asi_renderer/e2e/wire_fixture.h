@@ -172,19 +172,6 @@ inline kv_asi_analyze::pcr_report pcr_accuracy(const kv_asi_analyze::report& r, 
     return kv_asi_analyze::pcr_report();
 }
 
-// Mean of PCR minus line time (ns) over the PCRs of `pid` in the records.
-inline double mean_pcr_offset_ns(const std::vector<record>& recs, uint16_t pid) {
-    double sum = 0;
-    size_t n = 0;
-    for (const record& r : recs) {
-        if (kvtest::pb::pid(r.packet) == pid && kvtest::pb::has_pcr(r.packet)) {
-            sum += double(int64_t(kvtest::pb::pcr(r.packet)) - int64_t(r.word));
-            ++n;
-        }
-    }
-    return n == 0 ? NAN : sum / double(n) * kNsPerWord;
-}
-
 struct settings {
     bool freerun = false;
     unsigned time_control = 0;  // 0 PCR pacing, 1 buffer stamps

@@ -28,6 +28,36 @@ void adaptation_field::clear() {
     std::memset(bytes + end, 0, sizeof(*this) - end);
 }
 
+namespace {
+
+// The adaptation field's extension, behind its flag.
+void read_extension(KVSDK::KVBSReader& r, adaptation_field& af) {
+    af.adaptation_field_extension_length = bits<uint8_t>(r, 8);
+    af.ltw_flag = bits<uint8_t>(r, 1);
+    af.piecewise_rate_flag = bits<uint8_t>(r, 1);
+    af.seamless_splice_flag = bits<uint8_t>(r, 1);
+    af.reserved2 = bits<uint8_t>(r, 5);
+    if (af.ltw_flag) {
+        af.ltw_valid_flag = bits<uint8_t>(r, 1);
+        af.ltw_offset = bits<uint16_t>(r, 15);
+    }
+    if (af.piecewise_rate_flag) {
+        af.reserved3 = bits<uint8_t>(r, 2);
+        af.piecewise_rate = bits<uint32_t>(r, 22);
+    }
+    if (af.seamless_splice_flag) {
+        af.splice_type = bits<uint8_t>(r, 4);
+        af.DTS_next_AU = bits<uint8_t>(r, 3);
+        af.marker_bit = bits<uint8_t>(r, 1);
+        af.DTS_next_AU1 = bits<uint16_t>(r, 15);
+        af.marker_bit1 = bits<uint8_t>(r, 1);
+        af.DTS_next_AU2 = bits<uint16_t>(r, 15);
+        af.marker_bit2 = bits<uint8_t>(r, 1);
+    }
+}
+
+}  // namespace
+
 bool adaptation_field::read(const uint8_t* data, size_t size, adaptation_field& out) {
     KVSDK::KVBSReader r(data, size);
     adaptation_field af;
@@ -75,28 +105,7 @@ bool adaptation_field::read(const uint8_t* data, size_t size, adaptation_field& 
         }
     }
     if (af.adaptation_field_extension_flag) {
-        af.adaptation_field_extension_length = bits<uint8_t>(r, 8);
-        af.ltw_flag = bits<uint8_t>(r, 1);
-        af.piecewise_rate_flag = bits<uint8_t>(r, 1);
-        af.seamless_splice_flag = bits<uint8_t>(r, 1);
-        af.reserved2 = bits<uint8_t>(r, 5);
-        if (af.ltw_flag) {
-            af.ltw_valid_flag = bits<uint8_t>(r, 1);
-            af.ltw_offset = bits<uint16_t>(r, 15);
-        }
-        if (af.piecewise_rate_flag) {
-            af.reserved3 = bits<uint8_t>(r, 2);
-            af.piecewise_rate = bits<uint32_t>(r, 22);
-        }
-        if (af.seamless_splice_flag) {
-            af.splice_type = bits<uint8_t>(r, 4);
-            af.DTS_next_AU = bits<uint8_t>(r, 3);
-            af.marker_bit = bits<uint8_t>(r, 1);
-            af.DTS_next_AU1 = bits<uint16_t>(r, 15);
-            af.marker_bit1 = bits<uint8_t>(r, 1);
-            af.DTS_next_AU2 = bits<uint16_t>(r, 15);
-            af.marker_bit2 = bits<uint8_t>(r, 1);
-        }
+        read_extension(r, af);
     }
 
     out = af;

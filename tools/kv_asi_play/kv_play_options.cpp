@@ -43,16 +43,10 @@ bool valid_udp_uri(const std::string& uri) {
     return kv_cli::to_uint(rest.substr(colon + 1), 65535, port) && port > 0;
 }
 
-int parse_options(int argc, char** argv, options& o) {
-    bool bPll = false;
-    bool bNoPll = false;
-    kv_cli::parser cli(
-        kProgram, "SOURCE",
-        "Plays an MPEG-2 transport stream out through the kv_asi_renderer element. SOURCE is\n"
-        "a file of 188-byte packets or udp://ADDRESS:PORT (unicast or multicast). Without\n"
-        "--device the stream goes to the virtual ASI board. Element properties are named in\n"
-        "brackets.\n"
-        "Exit status: 0 played to the end or stopped, 1 failure, 2 bad usage.");
+namespace {
+
+// The options, each writing into `o` (the two PLL flags into their own).
+void declare_options(kv_cli::parser& cli, options& o, bool& bPll, bool& bNoPll) {
     cli.text("device", 'd', "PATH", "V4L2 ASI output node (v4l2)", o.strDevice)
         .text("capture", 0, "FILE", "Virtual board: capture of everything sent on the line",
               o.strCapture)
@@ -98,6 +92,21 @@ int parse_options(int argc, char** argv, options& o) {
               o.strPlugin)
         .version_detail(gst_version_detail())
         .group(gst_init_get_option_group());
+}
+
+}  // namespace
+
+int parse_options(int argc, char** argv, options& o) {
+    bool bPll = false;
+    bool bNoPll = false;
+    kv_cli::parser cli(
+        kProgram, "SOURCE",
+        "Plays an MPEG-2 transport stream out through the kv_asi_renderer element. SOURCE is\n"
+        "a file of 188-byte packets or udp://ADDRESS:PORT (unicast or multicast). Without\n"
+        "--device the stream goes to the virtual ASI board. Element properties are named in\n"
+        "brackets.\n"
+        "Exit status: 0 played to the end or stopped, 1 failure, 2 bad usage.");
+    declare_options(cli, o, bPll, bNoPll);
     std::vector<std::string> sources;
     const int usage = cli.parse(kv_cli::arguments(argc, argv), sources);
     if (usage >= 0) {

@@ -59,16 +59,12 @@ struct options {
     limits lim;
 };
 
-// Returns -1 to go on, else the exit status.
-int parse_options(int argc, char** argv, options& o) {
+// The options, each writing into `o`.
+void declare_options(kv_cli::parser& cli, options& o) {
     const auto seconds = [](double& target) {
         return [&target](const std::string& v) { return kv_cli::to_double(v, 0, 1e7, target); };
     };
     const char* kSeconds = "a number of seconds";
-    kv_cli::parser cli("kv-asi-soak", "FILE.ts",
-                       "Runs kv_asi_renderer pipelines in one process, samples every element's\n"
-                       "statistics, the process's memory and CPU time, and judges at the end\n"
-                       "whether anything kept growing over the second half of the run.");
     cli.number("elements", 'n', "N", "Pipelines in this process (1)", o.nElements, 1, 64)
         .text("nodes", 0, "PATTERN", "Device node of element i, %i = i (/dev/kvasi%i)",
               o.strNodePattern)
@@ -113,6 +109,15 @@ int parse_options(int argc, char** argv, options& o) {
         .option("pause-for", 0, "S", "And back to PLAYING S seconds later (10)", kSeconds,
                 seconds(o.pauseFor))
         .group(gst_init_get_option_group());
+}
+
+// Returns -1 to go on, else the exit status.
+int parse_options(int argc, char** argv, options& o) {
+    kv_cli::parser cli("kv-asi-soak", "FILE.ts",
+                       "Runs kv_asi_renderer pipelines in one process, samples every element's\n"
+                       "statistics, the process's memory and CPU time, and judges at the end\n"
+                       "whether anything kept growing over the second half of the run.");
+    declare_options(cli, o);
     std::vector<std::string> files;
     const int usage = cli.parse(kv_cli::arguments(argc, argv), files);
     if (usage >= 0) {

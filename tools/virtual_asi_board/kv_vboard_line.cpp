@@ -40,6 +40,44 @@ inline size_t next_non_zero(const uint8_t* pData, size_t off, size_t nEnd) {
 
 }  // namespace
 
+// One word off the fast path: idle, a violation, a sync word starting a packet or a data
+// byte, with the packet state the caller keeps in locals.
+void line_decoder::word(uint32_t w, uint64_t nWord, bool& bIn, size_t& nFill) {
+    if (w == 0) {
+        return;  // idle; a packet in progress simply waits
+    }
+    uint8_t* const pPacket = m_record + 4;
+    if ((w & 0x300) != kDataFlag) {
+        ++m_counters.word_violations;
+        if (bIn) {
+            m_counters.bytes_partial += nFill;  // the packet is broken off
+            bIn = false;
+        }
+        return;
+    }
+    if (!bIn) {
+        if (w != kSyncWord) {
+            ++m_counters.bytes_partial;  // a stray data byte outside any packet
+            return;
+        }
+        bIn = true;
+        nFill = 0;
+        const uint32_t stamp = uint32_t(nWord) & kStampMask;
+        m_record[0] = uint8_t(stamp >> 24);
+        m_record[1] = uint8_t(stamp >> 16);
+        m_record[2] = uint8_t(stamp >> 8);
+        m_record[3] = uint8_t(stamp);
+    }
+    pPacket[nFill++] = uint8_t(w);
+    if (nFill == kPacketSize) {
+        bIn = false;
+        ++m_counters.packets;
+        if (m_pOut) {
+            fwrite(m_record, kRecordSize, 1, m_pOut);
+        }
+    }
+}
+
 void line_decoder::frame(const uint8_t* pData, size_t nBytes, uint64_t nFirstWord) {
     if (nBytes > kBytesPerFrame) {
         nBytes = kBytesPerFrame;
@@ -74,39 +112,7 @@ void line_decoder::frame(const uint8_t* pData, size_t nBytes, uint64_t nFirstWor
             continue;
         }
         for (unsigned k = 0; k < 4; ++k) {
-            const uint32_t w = uint32_t(v >> (10 * k)) & 0x3ff;
-            if (w == 0) {
-                continue;  // idle; a packet in progress simply waits
-            }
-            if ((w & 0x300) != kDataFlag) {
-                ++m_counters.word_violations;
-                if (bIn) {
-                    m_counters.bytes_partial += nFill;  // the packet is broken off
-                    bIn = false;
-                }
-                continue;
-            }
-            if (!bIn) {
-                if (w != kSyncWord) {
-                    ++m_counters.bytes_partial;  // a stray data byte outside any packet
-                    continue;
-                }
-                bIn = true;
-                nFill = 0;
-                const uint32_t stamp = uint32_t(nFirstWord + g * 4 + k) & kStampMask;
-                m_record[0] = uint8_t(stamp >> 24);
-                m_record[1] = uint8_t(stamp >> 16);
-                m_record[2] = uint8_t(stamp >> 8);
-                m_record[3] = uint8_t(stamp);
-            }
-            pPacket[nFill++] = uint8_t(w);
-            if (nFill == kPacketSize) {
-                bIn = false;
-                ++m_counters.packets;
-                if (m_pOut) {
-                    fwrite(m_record, kRecordSize, 1, m_pOut);
-                }
-            }
+            word(uint32_t(v >> (10 * k)) & 0x3ff, nFirstWord + g * 4 + k, bIn, nFill);
         }
         ++g;
     }

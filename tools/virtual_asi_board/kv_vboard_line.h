@@ -49,6 +49,8 @@ public:
     const line_counters& counters() const { return m_counters; }
 
 private:
+    void word(uint32_t w, uint64_t nWord, bool& bIn, size_t& nFill);
+
     FILE* m_pOut = nullptr;
     line_counters m_counters;
     bool m_bInPacket = false;

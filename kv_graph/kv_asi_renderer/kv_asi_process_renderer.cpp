@@ -86,8 +86,7 @@ bool kv_asi_process_renderer::init(const std::string& name, size_t nCapacity, in
         const std::string& strError = m_pDevice->get_error();
         const int nErrno = m_pDevice->get_errno();
         const bool bOpen = strError.compare(0, 5, "open:") == 0;
-        report(kv_asi_level::error,
-               bOpen ? kv_asi_topic::device_open : kv_asi_topic::device_setup,
+        report(kv_asi_level::error, bOpen ? kv_asi_topic::device_open : kv_asi_topic::device_setup,
                (bOpen ? "Cannot open the ASI device \"" : "Cannot set up the ASI device \"") +
                    name + "\": " + (bOpen ? kv_errno_text(nErrno) : strError),
                kv_errno_hint(nErrno), nErrno);
@@ -204,8 +203,8 @@ void kv_asi_process_renderer::push_data(int64_t tTime, const uint8_t* pData, siz
     m_fifo.push_data(tTime, pData, nSize);
 }
 
-void kv_asi_process_renderer::report(kv_asi_level eLevel, kv_asi_topic eTopic,
-                                     std::string strText, std::string strDetail, int nErrno) {
+void kv_asi_process_renderer::report(kv_asi_level eLevel, kv_asi_topic eTopic, std::string strText,
+                                     std::string strDetail, int nErrno) {
     if (m_onMessage) {
         kv_asi_message msg;
         msg.eLevel = eLevel;
@@ -290,8 +289,7 @@ void kv_asi_process_renderer::anchor(uint64_t tBegin, uint32_t nAhead) {
         report(kv_asi_level::debug, kv_asi_topic::state,
                "anchored: frame at device time " + std::to_string(tBegin) + " carries FIFO time " +
                    std::to_string(tFrame) + ", " + std::to_string(nAhead) +
-                   " frames ahead, latency " + std::to_string(effective_latency() / 10000) +
-                   " ms");
+                   " frames ahead, latency " + std::to_string(effective_latency() / 10000) + " ms");
     }
 }
 
@@ -356,8 +354,9 @@ bool kv_asi_process_renderer::check_fifo() {
     std::string strHint;
     if (m_fifo.is_underflow()) {
         m_alarmDispatcher.fifo_underflow_event();
-        strHint = "the input stopped delivering (\"reset-when-empty\" is set); the underflow "
-                  "alarm was raised";
+        strHint =
+            "the input stopped delivering (\"reset-when-empty\" is set); the underflow "
+            "alarm was raised";
     }
     if (m_fifo.is_overflow()) {
         m_alarmDispatcher.fifo_overflow_event();
@@ -430,8 +429,8 @@ void kv_asi_process_renderer::watch_timing(std::chrono::steady_clock::time_point
     watch_state& w = m_watch;
     // Data that cannot be timed: it arrives, but no PCR (or no usable stamp) comes.
     const bool bStamp = m_eTimeControl == mpegcore::stamp_time_type;
-    const uint64_t nTimed = bStamp ? m_nUsableStamps.load(std::memory_order_relaxed)
-                                   : m_fifo.get_anchor_count();
+    const uint64_t nTimed =
+        bStamp ? m_nUsableStamps.load(std::memory_order_relaxed) : m_fifo.get_anchor_count();
     const uint64_t nPushes = m_nPushes.load(std::memory_order_relaxed);
     if (nTimed != w.nTimed) {
         w.nTimed = nTimed;
@@ -486,7 +485,8 @@ void kv_asi_process_renderer::watch_rate() {
         }
     } else if (nRate > 0 && w.bTooFast) {
         w.bTooFast = false;
-        report(kv_asi_level::info, kv_asi_topic::rate, "The stream's rate is within the line's again");
+        report(kv_asi_level::info, kv_asi_topic::rate,
+               "The stream's rate is within the line's again");
     }
 
     // Once the rate is known: the FIFO must hold the latency's worth of it, plus the
@@ -498,13 +498,13 @@ void kv_asi_process_renderer::watch_rate() {
         const size_t nUsable = m_nCapacity / kPacketSize * kPacketSize;
         if (static_cast<double>(nUsable) < dNeeded) {
             char text[256];
-            std::snprintf(text, sizeof(text),
-                          "\"buffer-size\" %zu bytes holds %.0f ms of this %.1f Mbit/s stream, "
-                          "less than the %lld ms of latency: the FIFO overflows before output "
-                          "starts",
-                          m_nCapacity, static_cast<double>(nUsable) * 8e3 / static_cast<double>(nRate),
-                          static_cast<double>(nRate) / 1e6,
-                          static_cast<long long>(m_nLatency / 10000));
+            std::snprintf(
+                text, sizeof(text),
+                "\"buffer-size\" %zu bytes holds %.0f ms of this %.1f Mbit/s stream, "
+                "less than the %lld ms of latency: the FIFO overflows before output "
+                "starts",
+                m_nCapacity, static_cast<double>(nUsable) * 8e3 / static_cast<double>(nRate),
+                static_cast<double>(nRate) / 1e6, static_cast<long long>(m_nLatency / 10000));
             char hint[128];
             std::snprintf(hint, sizeof(hint),
                           "set \"buffer-size\" to at least %.0f bytes, or lower \"latency\"",
@@ -530,8 +530,7 @@ std::chrono::milliseconds kv_asi_process_renderer::after_map_failed(
             m_watch.bGone = true;
             const int nErrno = m_pDevice->is_open() ? m_pDevice->get_errno() : ENODEV;
             report(kv_asi_level::warning, kv_asi_topic::device_gone,
-                   "The ASI device " + m_strDeviceName + " went away (" +
-                       kv_errno_text(nErrno) +
+                   "The ASI device " + m_strDeviceName + " went away (" + kv_errno_text(nErrno) +
                        "); it is opened again as soon as it is back",
                    kv_errno_hint(nErrno), nErrno);
         }
@@ -614,9 +613,10 @@ void kv_asi_process_renderer::work_thread(std::future<void>&& fExit) {
     }
 }
 
-std::chrono::milliseconds kv_asi_process_renderer::play_frame(
-    int64_t nFullness, bool bHold, bool bEnding, std::chrono::milliseconds& errorWait,
-    mpegcore::kv_mpegts_items& items) {
+std::chrono::milliseconds kv_asi_process_renderer::play_frame(int64_t nFullness, bool bHold,
+                                                              bool bEnding,
+                                                              std::chrono::milliseconds& errorWait,
+                                                              mpegcore::kv_mpegts_items& items) {
     kv_data_provider& provider = *m_pDevice;
     uint64_t tBegin = 0;
     uint64_t tEnd = 0;
@@ -646,8 +646,7 @@ std::chrono::milliseconds kv_asi_process_renderer::play_frame(
     const uint64_t tFrameBegin = static_cast<uint64_t>(m_tStartFifo) + tBegin;
     const uint64_t tFrameEnd = static_cast<uint64_t>(m_tStartFifo) + tEnd;
     if (!bHold) {
-        m_fifo.get_data(static_cast<int64_t>(tFrameBegin), static_cast<int64_t>(tFrameEnd),
-                        items);
+        m_fifo.get_data(static_cast<int64_t>(tFrameBegin), static_cast<int64_t>(tFrameEnd), items);
     }
     m_statistics.set_stream_time(static_cast<uint64_t>(m_fifo.get_back_time()));
 

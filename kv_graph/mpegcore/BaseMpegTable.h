@@ -117,8 +117,9 @@ public:
     // and one whose fields refuse (a descriptor loop that runs past the data, ...).
     bool read(KVSDK::KVBSReader& r) override;
     // Writes the whole section behind the writer's position, CRC included: section_length
-    // and every length and count field are recomputed from what they count and stored
-    // back. Fields that do not fit are dropped; returns true when all fitted.
+    // and the length fields that the description computes are recomputed from what they
+    // count and stored back. Fields that do not fit are dropped; returns true when all
+    // fitted.
     bool write(KVSDK::KVBSWriter& w) override;
     // The bytes the fields and the CRC take.
     uint16_t calc_section_length() override { return fields_length(); }

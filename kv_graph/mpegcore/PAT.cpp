@@ -7,9 +7,8 @@ namespace mpegcore {
 template <class IO>
 bool CPAT::fields(IO& io) {
     return long_header(io, "transport_stream_id", transport_stream_id) &&
-           io.entries("programs", program_map, 4, [](const CBaseMpegProgram& p) {
-               return p.getPID();
-           }) &&
+           io.entries("programs", program_map, 4,
+                      [](const CBaseMpegProgram& p) { return p.getPID(); }) &&
            io.crc(CRC);
 }
 

@@ -37,7 +37,7 @@ public:
     // Entry under `pid`, or nullptr.
     const CBaseMpegProgram* find(uint16_t pid) const;
 
-    uint16_t transport_stream_id = 0;    // 16 bits
+    uint16_t transport_stream_id = 0;  // 16 bits
     std::map<uint16_t, CBaseMpegProgram> program_map;
     uint32_t CRC = 0;
 };

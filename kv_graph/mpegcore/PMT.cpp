@@ -58,9 +58,8 @@ bool CPMT::read(KVSDK::KVBSReader& r) {
 }
 
 bool CPMT::operator!=(const CPMT& other) const {
-    if (!sameHeader(other) || program_number != other.program_number ||
-        !same_versions(other) || PCR_PID != other.PCR_PID ||
-        program_info_length != other.program_info_length ||
+    if (!sameHeader(other) || program_number != other.program_number || !same_versions(other) ||
+        PCR_PID != other.PCR_PID || program_info_length != other.program_info_length ||
         descriptors.getSize() != other.descriptors.getSize() ||
         descriptors.descriptor.size() != other.descriptors.descriptor.size() ||
         stream_map.size() != other.stream_map.size()) {

@@ -64,11 +64,11 @@ public:
     // Stream entry of `pid`, or nullptr.
     const CBaseStreamTypeMap* find(uint16_t pid) const;
 
-    uint16_t program_number = 0;         // 16 bits
-    uint8_t reserved2 = 0;               // 3
-    uint16_t PCR_PID = 0;                // 13
-    uint8_t reserved3 = 0;               // 4
-    uint16_t program_info_length = 0;    // 12
+    uint16_t program_number = 0;       // 16 bits
+    uint8_t reserved2 = 0;             // 3
+    uint16_t PCR_PID = 0;              // 13
+    uint8_t reserved3 = 0;             // 4
+    uint16_t program_info_length = 0;  // 12
     KVDescriptorList descriptors;
     StreamMap stream_map;
     uint32_t CRC = 0;

@@ -68,9 +68,9 @@ public:
     void copyTo(CSDT* target) const;
     void copyTo(CSDT& target) const { copyTo(&target); }
 
-    uint16_t transport_stream_id = 0;    // 16 bits
-    uint16_t original_network_id = 0;    // 16
-    uint8_t reserved_future_use1 = 0;    // 8
+    uint16_t transport_stream_id = 0;  // 16 bits
+    uint16_t original_network_id = 0;  // 16
+    uint8_t reserved_future_use1 = 0;  // 8
     ServiceMap sds;
     uint32_t CRC = 0;
 };

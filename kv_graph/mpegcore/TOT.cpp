@@ -16,8 +16,7 @@ bool CTOT::fields(IO& io) {
     return io.time("UTC_time", UTC_time) && io.reserved(reserved1, 4) &&
            io.length("descriptors_loop_length", descriptors_loop_length, 12,
                      [&] { return descriptors.getSize(); }) &&
-           io.descriptors("descriptors", descriptors, descriptors_loop_length, true) &&
-           io.crc(CRC);
+           io.descriptors("descriptors", descriptors, descriptors_loop_length, true) && io.crc(CRC);
 }
 
 template class table_of<CTOT>;

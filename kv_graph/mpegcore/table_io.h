@@ -21,7 +21,8 @@
 //   io.crc(field)                              the CRC_32 that ends the section
 //
 // Entries are classes with a fields() of their own, held by shared pointer or by owning
-// pointer in a std::list, or in a std::map by value or shared pointer under key(entry).
+// pointer in a std::list, or in a std::map by value or shared pointer under the key that
+// `key` gives for an entry.
 //
 // The walkers: table_reader (the section's bytes into the fields; past the reader's data
 // fields read as 0), table_writer, table_sizer (the section_length the writer gives), and
@@ -37,8 +38,8 @@
 
 #include "kvcore/kv_bitstream.h"
 #include "mpegcore/BaseMpegTable.h"
-#include "mpegcore/kvdescriptorlist.h"
 #include "mpegcore/field_viewer.h"
+#include "mpegcore/kvdescriptorlist.h"
 #include "mpegcore/table_view.h"
 
 namespace mpegcore {
@@ -336,8 +337,7 @@ bool table_of<T, B>::render_into_buffer() {
 template <class T, class B>
 void table_of<T, B>::view(table_view& v) const {
     v.field("table_id", this->table_id, table_view::format::number);
-    v.field("section_syntax_indicator", this->section_syntax_indicator,
-            table_view::format::number);
+    v.field("section_syntax_indicator", this->section_syntax_indicator, table_view::format::number);
     v.field("section_length", this->section_length, table_view::format::number);
     walk::viewer io(v);
     const_cast<T&>(static_cast<const T&>(*this)).fields(io);

@@ -10,8 +10,7 @@ namespace {
 
 // Two BCD digits.
 std::string bcd(unsigned byte) {
-    const char text[3] = {"0123456789abcdef"[(byte >> 4) & 0xF], "0123456789abcdef"[byte & 0xF],
-                          0};
+    const char text[3] = {"0123456789abcdef"[(byte >> 4) & 0xF], "0123456789abcdef"[byte & 0xF], 0};
     return text;
 }
 

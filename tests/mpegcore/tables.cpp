@@ -82,10 +82,9 @@ void check(Row& c, const Bytes& previous, bool bUpdate) {
 }
 
 const std::map<std::string, std::function<void(Row&, const Bytes&, bool)>> kClasses = {
-    {"CPAT", check<CPAT>}, {"CPMT", check<CPMT>}, {"CSDT", check<CSDT>},
-    {"CNIT", check<CNIT>}, {"CBAT", check<CBAT>}, {"CEIT", check<CEIT>},
-    {"CCAT", check<CCAT>}, {"CTSDT", check<CTSDT>}, {"CTDT", check<CTDT>},
-    {"CTOT", check<CTOT>},
+    {"CPAT", check<CPAT>}, {"CPMT", check<CPMT>}, {"CSDT", check<CSDT>}, {"CNIT", check<CNIT>},
+    {"CBAT", check<CBAT>}, {"CEIT", check<CEIT>}, {"CCAT", check<CCAT>}, {"CTSDT", check<CTSDT>},
+    {"CTDT", check<CTDT>}, {"CTOT", check<CTOT>},
 };
 
 // Days from 1970-01-01 to a date of the proleptic Gregorian calendar.
@@ -198,7 +197,8 @@ TEST(Tables, WritingBeyondWhatGoldenLinesShow) {
     // The NIT's stream loop trusts its own length over the section's: past the data the
     // reader yields zeros, and nothing outside the buffer is touched.
     CNIT nit;
-    EXPECT_TRUE(read(nit, ts_test::section(0x40, {0x30, 0x01, 0xC1, 0, 0, 0xF0, 0x00, 0xFF, 0xFF})));
+    EXPECT_TRUE(
+        read(nit, ts_test::section(0x40, {0x30, 0x01, 0xC1, 0, 0, 0xF0, 0x00, 0xFF, 0xFF})));
     EXPECT_EQ(nit.transport_stream.size(), 4095u / 6);
 }
 

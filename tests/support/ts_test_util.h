@@ -119,9 +119,7 @@ public:
         std::snprintf(hex, sizeof hex, "%llX", static_cast<unsigned long long>(value));
         add(name, f == format::number ? hex : mpegcore::format_field(value, f));
     }
-    void text(const char* name, const std::string& value) override {
-        add(name, "'" + value + "'");
-    }
+    void text(const char* name, const std::string& value) override { add(name, "'" + value + "'"); }
     void bytes(const char* name, const uint8_t* data, size_t size) override {
         add(name, mpegcore::format_hex(data, size));
     }

@@ -23,8 +23,8 @@
 #include <vector>
 
 #include "kv_asi_renderer/kv_asi_renderer_statistics.h"
-#include "kv_cli.h"
 #include "kv_asi_renderer/kv_i_alarm_manager.h"
+#include "kv_cli.h"
 #include "kv_play_alarms.h"
 #include "kv_soak_loop.h"
 #include "kv_soak_report.h"
@@ -71,15 +71,13 @@ void declare_options(kv_cli::parser& cli, options& o) {
         .flag("pll", 0, o.bPll, "The element's pll property on")
         .flag("no-pll", 0, o.bPll, "The element's pll property off (the default)", false)
         .number("latency", 0, "MS", "The element's latency (1000)", o.nLatencyMs, 0, 10000)
-        .number("buffer-size", 0, "BYTES", "The element's buffer-size (its default)",
-                o.nBufferSize, 0, UINT32_MAX)
+        .number("buffer-size", 0, "BYTES", "The element's buffer-size (its default)", o.nBufferSize,
+                0, UINT32_MAX)
         .flag("loop", 0, o.bLoop, "Play the file endlessly with continuous PCRs")
         .option("duration", 0, "S", "Stop after S seconds of play (looping: 60)", kSeconds,
                 seconds(o.duration))
         .option("interval", 0, "S", "Seconds between samples (1)", "a positive number of seconds",
-                [&](const std::string& v) {
-                    return kv_cli::to_double(v, 0.001, 3600, o.interval);
-                })
+                [&](const std::string& v) { return kv_cli::to_double(v, 0.001, 3600, o.interval); })
         .text("csv", 0, "FILE", "Every sample row to FILE", o.strCsv)
         .option("print-every", 0, "S", "Rows on standard output every S seconds", kSeconds,
                 seconds(o.printEvery))
@@ -91,21 +89,21 @@ void declare_options(kv_cli::parser& cli, options& o) {
                 })
         .number("udp-port", 0, "N", "First UDP port for --sink udp (5600)", o.nUdpPort, 1, 65535)
         .text("plugin", 0, "FILE", "Load the element's module from FILE", o.strPlugin)
-        .option("max-drift-ms", 0, "X", "FIFO fullness drift allowed over the second half (50)",
-                "a number of milliseconds",
-                [&](const std::string& v) { return kv_cli::to_double(v, 0, 1e6, o.lim.maxDriftMs); })
-        .option("max-drift-rate", 0, "US",
-                "FIFO fullness slope allowed over the second half, us/s (0: not checked)",
-                "a number of microseconds a second",
-                [&](const std::string& v) {
-                    return kv_cli::to_double(v, 0, 1e6, o.lim.maxDriftRate);
-                })
+        .option(
+            "max-drift-ms", 0, "X", "FIFO fullness drift allowed over the second half (50)",
+            "a number of milliseconds",
+            [&](const std::string& v) { return kv_cli::to_double(v, 0, 1e6, o.lim.maxDriftMs); })
+        .option(
+            "max-drift-rate", 0, "US",
+            "FIFO fullness slope allowed over the second half, us/s (0: not checked)",
+            "a number of microseconds a second",
+            [&](const std::string& v) { return kv_cli::to_double(v, 0, 1e6, o.lim.maxDriftRate); })
         .number("max-rss-growth", 0, "KIB", "RSS growth allowed over the second half (4096)",
                 o.lim.maxRssGrowthKiB, 0, INT64_MAX)
         .flag("allow-resets", 0, o.lim.bResetsFail, "Output resets in the second half do not fail",
               false)
-        .option("pause-at", 0, "S", "Take the pipelines to PAUSED S seconds into the run",
-                kSeconds, seconds(o.pauseAt))
+        .option("pause-at", 0, "S", "Take the pipelines to PAUSED S seconds into the run", kSeconds,
+                seconds(o.pauseAt))
         .option("pause-for", 0, "S", "And back to PLAYING S seconds later (10)", kSeconds,
                 seconds(o.pauseFor))
         .group(gst_init_get_option_group());
@@ -416,8 +414,8 @@ bool prepare(soak_run& r) {
 void poll_buses(soak_run& r) {
     for (auto& l : r.lanes) {
         GstBus* bus = gst_element_get_bus(l->pipeline);
-        while (GstMessage* m = gst_bus_pop_filtered(
-                   bus, GstMessageType(GST_MESSAGE_ERROR | GST_MESSAGE_EOS))) {
+        while (GstMessage* m =
+                   gst_bus_pop_filtered(bus, GstMessageType(GST_MESSAGE_ERROR | GST_MESSAGE_EOS))) {
             if (GST_MESSAGE_TYPE(m) == GST_MESSAGE_ERROR) {
                 GError* err = nullptr;
                 gst_message_parse_error(m, &err, nullptr);
@@ -543,8 +541,8 @@ void report_lane(const lane& l, const options& o, std::vector<fifo_summary>& fif
         "element %d (%s): fifo start %.1f ms, end %.1f ms, range %.1f..%.1f ms, "
         "second half %.1f..%.1f ms, drift %+.2f us/s (%+.1f ms over the second "
         "half)\n",
-        l.index, l.strNode.c_str(), f.startMs, f.endMs, f.minMs, f.maxMs, f.minHalfMs,
-        f.maxHalfMs, f.driftUsPerS, f.driftHalfMs);
+        l.index, l.strNode.c_str(), f.startMs, f.endMs, f.minMs, f.maxMs, f.minHalfMs, f.maxHalfMs,
+        f.driftUsPerS, f.driftHalfMs);
     std::printf(
         "  counters: skip hw frames %llu, skip ts packets %llu (%llu in the second "
         "half), resets %llu (%llu in the second half), underflow alarms %u, "
@@ -552,8 +550,9 @@ void report_lane(const lane& l, const options& o, std::vector<fifo_summary>& fif
         static_cast<unsigned long long>(last.nSkipFrames),
         static_cast<unsigned long long>(last.nSkipPackets),
         static_cast<unsigned long long>(f.skipPacketsHalf),
-        static_cast<unsigned long long>(last.nResets), static_cast<unsigned long long>(f.resetsHalf),
-        last.nUnderflowAlarms, last.nOverflowAlarms, f.unreadable);
+        static_cast<unsigned long long>(last.nResets),
+        static_cast<unsigned long long>(f.resetsHalf), last.nUnderflowAlarms, last.nOverflowAlarms,
+        f.unreadable);
     if (l.bBoard) {
         std::printf(
             "  board: frames sent %llu, idle frames %llu, packets %llu, partial "

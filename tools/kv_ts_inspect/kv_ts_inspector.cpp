@@ -69,24 +69,15 @@ private:
 // The descriptors whose fields are written out, by tag, with the names they go by; every
 // other descriptor is written as its raw body.
 const std::map<uint8_t, const char*> kDecoded = {
-    {0x02, "video_stream_descriptor"},
-    {0x03, "audio_stream_descriptor"},
-    {0x05, "registration_descriptor"},
-    {0x09, "CA_descriptor"},
-    {0x0A, "ISO_639_language_descriptor"},
-    {0x40, "network_name_descriptor"},
-    {0x41, "service_list_descriptor"},
-    {0x46, "VBI_teletext_descriptor"},
-    {0x47, "bouquet_name_descriptor"},
-    {0x48, "service_descriptor"},
-    {0x4D, "short_event_descriptor"},
-    {0x4E, "extended_event_descriptor"},
-    {0x52, "stream_identifier_descriptor"},
-    {0x55, "parental_rating_descriptor"},
-    {0x56, "teletext_descriptor"},
-    {0x58, "local_time_offset_descriptor"},
-    {0x59, "subtitling_descriptor"},
-    {0x5F, "private_data_specifier_descriptor"},
+    {0x02, "video_stream_descriptor"},      {0x03, "audio_stream_descriptor"},
+    {0x05, "registration_descriptor"},      {0x09, "CA_descriptor"},
+    {0x0A, "ISO_639_language_descriptor"},  {0x40, "network_name_descriptor"},
+    {0x41, "service_list_descriptor"},      {0x46, "VBI_teletext_descriptor"},
+    {0x47, "bouquet_name_descriptor"},      {0x48, "service_descriptor"},
+    {0x4D, "short_event_descriptor"},       {0x4E, "extended_event_descriptor"},
+    {0x52, "stream_identifier_descriptor"}, {0x55, "parental_rating_descriptor"},
+    {0x56, "teletext_descriptor"},          {0x58, "local_time_offset_descriptor"},
+    {0x59, "subtitling_descriptor"},        {0x5F, "private_data_specifier_descriptor"},
     {0x83, "logical_channel_descriptor"},
 };
 

@@ -193,6 +193,7 @@ TEST(GenerateCli, RunWritesFileAndFailsCleanly) {
         {"--duration", "1"},
         {"--rate", "5M", "--duration", "1", "--packets", "9"},
         {"--rate", "5M", "--packets", "9", "--bogus", "1"},
+        {"--rate", "5M", "--packets", "9", "--quiet=yes"},  // a flag takes no value
         {"--rate", "5M", "--packets", "9", "--payload-rate", "1M"},
         {"--rate", "5M", "--packets", "9", "--pmt-pid", "0x10"},
         {"--rate", "5M", "--packets", "9", "--pcr-pid", "0x100"},        // the PMT PID

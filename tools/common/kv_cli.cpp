@@ -147,6 +147,20 @@ int parser::parse(const std::vector<std::string>& args, std::vector<std::string>
     g_option_context_set_main_group(m_context, main);
     g_set_prgname(m_tool.c_str());
 
+    // GLib lets "--flag=value" through for an option that takes no value; refuse it.
+    for (const std::string& a : args) {
+        if (a == "--") {
+            break;
+        }
+        const size_t eq = a.find('=');
+        for (const auto& e : m_entries) {
+            if (e->flag != nullptr && eq != std::string::npos && a.compare(0, eq, e->name) == 0 &&
+                eq == e->name.size()) {
+                return usage_error(e->name + " takes no value", err);
+            }
+        }
+    }
+
     gchar** argv = g_new0(gchar*, args.size() + 2);
     argv[0] = g_strdup(m_tool.c_str());
     for (size_t i = 0; i < args.size(); ++i) {

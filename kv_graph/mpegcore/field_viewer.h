@@ -36,6 +36,17 @@ auto& entry_of(std::pair<const K, V>& kv) {
     return entry_of(kv.second);
 }
 
+// Walks every entry's fields with `io`; false at the first entry that refuses.
+template <class C, class IO>
+bool each_entry(C& c, IO& io) {
+    for (auto& e : c) {
+        if (!entry_of(e).fields(io)) {
+            return false;
+        }
+    }
+    return true;
+}
+
 // Hands the fields of a descriptor or table description to a view by name: integers as
 // numbers (times formatted), strings as text, byte vectors as bytes, descriptor loops as
 // loops. Reserved, count and length-of-a-count fields of descriptors stay out; a table's

@@ -97,12 +97,7 @@ public:
     }
     template <class L>
     bool entries(const char*, L& list, size_t = 0) {
-        for (auto& e : list) {
-            if (entry_of(e).fields(*this) == false) {
-                return false;
-            }
-        }
-        return true;
+        return walk::each_entry(list, *this);
     }
     template <class L>
     bool entries_n(const char* name, L& list, size_t) {
@@ -289,12 +284,7 @@ public:
     }
     template <class L>
     bool entries(const char*, L& list, size_t = 0) {
-        for (auto& e : list) {
-            if (entry_of(e).fields(*this) == false) {
-                return false;
-            }
-        }
-        return true;
+        return walk::each_entry(list, *this);
     }
     template <class L>
     bool entries_n(const char* name, L& list, size_t) {

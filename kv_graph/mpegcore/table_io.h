@@ -45,8 +45,6 @@
 namespace mpegcore {
 namespace table_io {
 
-using walk::entry_of;
-
 template <class C>
 void clear_entries(C& c) {
     c.clear();
@@ -86,9 +84,7 @@ public:
     }
     template <class C, class... Key>
     bool entries(const char*, C& c, int32_t = 0, Key...) {
-        for (auto& e : c) {
-            entry_of(e).fields(*this);
-        }
+        walk::each_entry(c, *this);
         return true;
     }
     template <class C>
@@ -249,9 +245,7 @@ public:
     }
     template <class C, class... Key>
     bool entries(const char*, C& c, int32_t = 0, Key...) {
-        for (auto& e : c) {
-            entry_of(e).fields(*this);
-        }
+        walk::each_entry(c, *this);
         return true;
     }
     template <class C>

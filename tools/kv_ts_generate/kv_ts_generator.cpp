@@ -272,17 +272,27 @@ bool generator::build_psi(std::string& error) {
     return build_pat(error) && build_pmt(error) && build_sdt(error);
 }
 
+namespace {
+
+// The header of a current table, version 0, section 0 of 0, its reserved bits set; `zero`
+// is the bit after section_syntax_indicator.
+void set_header(mpegcore::CLongSectionTable& t, uint8_t table_id, uint8_t zero) {
+    t.table_id = table_id;
+    t.section_syntax_indicator = 1;
+    t.zero = zero;
+    t.reserved = 3;
+    t.reserved1 = 3;
+    t.version_number = 0;
+    t.current_next_indicator = 1;
+}
+
+}  // namespace
+
 bool generator::build_pat(std::string& error) {
     uint8_t section[kMaxSection];
     mpegcore::CPAT pat;
-    pat.table_id = 0x00;
-    pat.section_syntax_indicator = 1;
-    pat.zero = 0;
-    pat.reserved = 3;
+    set_header(pat, 0x00, 0);
     pat.transport_stream_id = m_opt.transport_stream_id;
-    pat.reserved1 = 3;
-    pat.version_number = 0;
-    pat.current_next_indicator = 1;
     mpegcore::CBaseMpegProgram program;
     program.program_number = m_opt.program_number;
     program.reserved = 7;
@@ -295,14 +305,8 @@ bool generator::build_pat(std::string& error) {
 bool generator::build_pmt(std::string& error) {
     uint8_t section[kMaxSection];
     mpegcore::CPMT pmt;
-    pmt.table_id = 0x02;
-    pmt.section_syntax_indicator = 1;
-    pmt.zero = 0;
-    pmt.reserved = 3;
+    set_header(pmt, 0x02, 0);
     pmt.program_number = m_opt.program_number;
-    pmt.reserved1 = 3;
-    pmt.version_number = 0;
-    pmt.current_next_indicator = 1;
     pmt.reserved2 = 7;
     pmt.PCR_PID = m_opt.pcr_pid;
     pmt.reserved3 = 0xF;
@@ -322,14 +326,8 @@ bool generator::build_sdt(std::string& error) {
         return false;
     }
     mpegcore::CSDT sdt;
-    sdt.table_id = 0x42;  // actual transport stream
-    sdt.section_syntax_indicator = 1;
-    sdt.zero = 1;  // reserved_future_use
-    sdt.reserved = 3;
+    set_header(sdt, 0x42, 1);  // actual transport stream; reserved_future_use
     sdt.transport_stream_id = m_opt.transport_stream_id;
-    sdt.reserved1 = 3;
-    sdt.version_number = 0;
-    sdt.current_next_indicator = 1;
     sdt.original_network_id = m_opt.original_network_id;
     sdt.reserved_future_use1 = 0xFF;
     auto service = std::make_shared<mpegcore::CServiceDescriptionSection>();

@@ -48,10 +48,6 @@ std::string format_field(uint64_t value, table_view::format f) {
     return std::to_string(value);
 }
 
-void text_view::field(const char* name, uint64_t value, format f) {
-    m_text += std::string(" ") + name + "=" + format_field(value, f);
-}
-
 std::string format_hex(const uint8_t* data, size_t size) {
     static const char kHex[] = "0123456789abcdef";
     std::string text;
@@ -63,20 +59,43 @@ std::string format_hex(const uint8_t* data, size_t size) {
     return text;
 }
 
+void text_view::add(const char* name) {
+    if (m_text.back() == '\n') {
+        m_text.append(2 * size_t(m_depth), ' ');
+    } else {
+        m_text += ' ';
+    }
+    m_text += std::string(name) + "=";
+}
+
+void text_view::field(const char* name, uint64_t value, format f) {
+    add(name);
+    m_text += format_field(value, f);
+}
+
 void text_view::text(const char* name, const std::string& value) {
-    m_text += std::string(" ") + name + "=\"" + value + "\"";
+    add(name);
+    m_text += "\"" + value + "\"";
 }
 
 void text_view::bytes(const char* name, const uint8_t* data, size_t size) {
-    m_text += std::string(" ") + name + "=" + format_hex(data, size);
+    add(name);
+    m_text += format_hex(data, size);
 }
 
 void text_view::descriptors(const char* name, const KVDescriptorList& list) {
-    m_text += std::string(" ") + name + "=" + std::to_string(list.descriptor.size());
+    add(name);
+    m_text += std::to_string(list.descriptor.size());
 }
 
-void text_view::begin_entry() {
-    m_text += "\n ";
+void text_view::begin_list(const char* name) {
+    m_text += std::string(" ") + name + ":";
+    ++m_depth;
+}
+
+void text_view::end_list() {
+    --m_depth;
+    m_text += '\n';
 }
 
 }  // namespace mpegcore

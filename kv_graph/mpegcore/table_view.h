@@ -43,8 +43,9 @@ std::string format_field(uint64_t value, table_view::format f);
 // Bytes as lower-case hexadecimal digits.
 std::string format_hex(const uint8_t* data, size_t size);
 
-// A table as text: "NAME field=value ...", then each entry of a list on a line of its own,
-// indented; a descriptor loop shows as its descriptor count.
+// A table as text: "NAME field=value ...", a list as "name:" followed by its entries, each
+// on a line of its own and indented, and the fields after the list on a line of their own;
+// a descriptor loop shows as its descriptor count.
 template <class T>
 std::string table_text(const char* name, const T& table);
 
@@ -57,15 +58,19 @@ public:
     void text(const char* name, const std::string& value) override;
     void bytes(const char* name, const uint8_t* data, size_t size) override;
     void descriptors(const char* name, const KVDescriptorList& list) override;
-    void begin_list(const char*) override {}
-    void begin_entry() override;
+    void begin_list(const char* name) override;
+    void begin_entry() override { m_text += '\n'; }
     void end_entry() override {}
-    void end_list() override {}
+    void end_list() override;
 
-    std::string text() const { return m_text + "\n"; }
+    std::string text() const { return m_text.back() == '\n' ? m_text : m_text + '\n'; }
 
 private:
+    // Starts "name=": behind a space, or indented at the start of a line.
+    void add(const char* name);
+
     std::string m_text;
+    int m_depth = 0;
 };
 
 template <class T>

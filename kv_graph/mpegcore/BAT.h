@@ -5,6 +5,7 @@
 #include <list>
 
 #include "kvcore/kv_bitstream.h"
+#include "mpegcore/BaseMpegTable.h"
 #include "mpegcore/LongSectionTable.h"
 #include "mpegcore/kvdescriptorlist.h"
 

@@ -2,7 +2,6 @@
 
 #include <cstdint>
 
-#include "kvcore/kv_bitstream.h"
 #include "mpegcore/BaseMpegTable.h"
 #include "mpegcore/kvdescriptorlist.h"
 

@@ -6,7 +6,7 @@
 #include <list>
 #include <memory>
 
-#include "kvcore/kv_bitstream.h"
+#include "mpegcore/BaseMpegTable.h"
 #include "mpegcore/LongSectionTable.h"
 #include "mpegcore/kvdescriptorlist.h"
 

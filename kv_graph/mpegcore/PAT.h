@@ -6,6 +6,7 @@
 
 #include "kvcore/kv_bitstream.h"
 #include "mpegcore/BaseMpegProgram.h"
+#include "mpegcore/BaseMpegTable.h"
 #include "mpegcore/LongSectionTable.h"
 #include "mpegcore/table_view.h"
 

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "kvcore/kv_bitstream.h"
+#include "mpegcore/BaseMpegTable.h"
 #include "mpegcore/LongSectionTable.h"
 #include "mpegcore/kvdescriptorlist.h"
 #include "mpegcore/table_view.h"

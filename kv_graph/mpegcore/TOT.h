@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "kvcore/kv_bitstream.h"
 #include "mpegcore/BaseMpegTable.h"
 #include "mpegcore/kvdescriptorlist.h"
 

@@ -115,7 +115,7 @@ std::vector<std::string> columns(const std::string& line) {
 }  // namespace
 
 // Every class: bytes -> read -> class and fields (and any body bytes kept raw) -> write
-// gives the same bytes; a deep copy made with create() + copyTo() has the same
+// gives the same bytes, or the list refuses a body whose lengths point past it; a deep copy made with create() + copyTo() has the same
 // fields, writes the same bytes and does not change when the original's raw bytes do.
 // The same bytes in both kinds of list show which class each tag gives in each.
 TEST(Descriptors, GoldenCasesReadTheirFieldsAndWriteBackIdentically) {
@@ -141,7 +141,13 @@ TEST(Descriptors, GoldenCasesReadTheirFieldsAndWriteBackIdentically) {
             ASSERT_TRUE(d && d->read(r) && r.getLength() == 0);
         } else {
             KVDescriptorList list(c[0] == "ts" ? e_ts_desc_type : e_scte35_desc_type);
-            ASSERT_TRUE(read_list(list, bytes));
+            if (!read_list(list, bytes)) {  // a body whose lengths point past it
+                c[2] = bUpdate ? "refused" : c[2];
+                updated << c[0] << " | " << c[1] << " | " << c[2] << " |\n";
+                EXPECT_EQ(c[2], "refused");
+                EXPECT_TRUE(list.descriptor.empty());
+                continue;
+            }
             ASSERT_EQ(list.descriptor.size(), 1u);
             d = list.descriptor.front();
             EXPECT_EQ(write_list(list), bytes);
@@ -191,31 +197,6 @@ TEST(DescriptorList, LoopBoundariesAndRefusals) {
     KVDescriptorList past;
     EXPECT_FALSE(read_list(past, hex("52 01 42 09 05 0B 00 E1 23")));
     EXPECT_EQ(past.descriptor.size(), 1u);
-    // Lengths inside a body that point past it are refused too.
-    for (const char* bad : {"48 05 01 04 41 42 43",              // provider name past body
-                            "4D 05 65 6E 67 09 41",              // event name past body
-                            "4E 09 12 65 6E 67 02 05 41 00 00",  // item past length_of_items
-                            "45 03 01 02 E5",                    // VBI lines past body
-                            "09 03 0B 00 E1",                    // CA fields past body
-                            "02 02 2A 48",                       // MPEG-2 video fields missing
-                            "7F 00 00"}) {                       // extension tag missing
-        SCOPED_TRACE(bad);
-        KVDescriptorList list;
-        EXPECT_FALSE(read_list(list, hex(bad)));
-        EXPECT_TRUE(list.descriptor.empty());
-    }
-
-    // local_time_offset: 26 bytes give two entries, 12 none (the bytes write back).
-    const std::string entry = txt("FIN") + "06 02 00 E3 F2 03 00 00 03 00 ";
-    KVDescriptorList two;
-    ASSERT_TRUE(read_list(two, hex("58 1A " + entry + entry)));
-    EXPECT_EQ(dynamic_cast<local_time_offset_descriptor&>(*two.find(0x58)).m_listEntry.size(), 2u);
-    const Bytes short_body = hex("58 0C 46 49 4E 06 02 00 E3 F2 03 00 00 03");
-    KVDescriptorList none;
-    ASSERT_TRUE(read_list(none, short_body));
-    EXPECT_TRUE(dynamic_cast<local_time_offset_descriptor&>(*none.find(0x58)).m_listEntry.empty());
-    EXPECT_EQ(write_list(none), short_body);
-    EXPECT_FALSE(none.find(0x59));
 }
 
 // Lengths are recomputed from the fields when writing, and getSize() agrees with write().

@@ -135,6 +135,23 @@ int parser::usage_error(const std::string& text, FILE* err) const {
     return 2;
 }
 
+// GLib lets "--flag=value" through for an option that takes no value: the first flag
+// given so, or "".
+std::string parser::flag_with_value(const std::vector<std::string>& args) const {
+    for (const std::string& a : args) {
+        if (a == "--") {
+            break;
+        }
+        const size_t eq = a.find('=');
+        for (const auto& e : m_entries) {
+            if (e->flag != nullptr && eq == e->name.size() && a.compare(0, eq, e->name) == 0) {
+                return e->name;
+            }
+        }
+    }
+    return std::string();
+}
+
 int parser::parse(const std::vector<std::string>& args, std::vector<std::string>& positional,
                   FILE* out, FILE* err) {
     std::vector<GOptionEntry> options;
@@ -147,18 +164,9 @@ int parser::parse(const std::vector<std::string>& args, std::vector<std::string>
     g_option_context_set_main_group(m_context, main);
     g_set_prgname(m_tool.c_str());
 
-    // GLib lets "--flag=value" through for an option that takes no value; refuse it.
-    for (const std::string& a : args) {
-        if (a == "--") {
-            break;
-        }
-        const size_t eq = a.find('=');
-        for (const auto& e : m_entries) {
-            if (e->flag != nullptr && eq != std::string::npos && a.compare(0, eq, e->name) == 0 &&
-                eq == e->name.size()) {
-                return usage_error(e->name + " takes no value", err);
-            }
-        }
+    const std::string flag = flag_with_value(args);
+    if (!flag.empty()) {
+        return usage_error(flag + " takes no value", err);
     }
 
     gchar** argv = g_new0(gchar*, args.size() + 2);

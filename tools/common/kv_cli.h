@@ -73,6 +73,8 @@ public:
 
 private:
     struct entry;
+
+    std::string flag_with_value(const std::vector<std::string>& args) const;
     static gboolean on_option(const gchar* name, const gchar* value, gpointer data,
                               GError** error);
     const char* keep(const std::string& text);

@@ -1,7 +1,8 @@
 #pragma once
 
 // What the descriptor and table walkers share: reaching the entry behind an element of a
-// container, and the viewer that hands a description's fields to a table_view by name.
+// container, the calls that reduce to a plain integer field, and the viewer that hands a
+// description's fields to a table_view by name.
 // Included only by kvdescriptor_io.h and table_io.h.
 
 #include <cstddef>
@@ -35,6 +36,22 @@ template <class K, class V>
 auto& entry_of(std::pair<const K, V>& kv) {
     return entry_of(kv.second);
 }
+
+// The calls that every walker but the viewer handles as a plain integer field.
+template <class W>
+class field_forms {
+public:
+    template <class T>
+    bool reserved(T& v, size_t bits) {
+        return self()(nullptr, v, bits);
+    }
+    bool time(const char* name, uint64_t& v) { return self()(name, v, 40); }
+    bool duration(const char* name, uint32_t& v) { return self()(name, v, 24); }
+    bool hhmm(const char* name, uint16_t& v) { return self()(name, v, 16); }
+
+private:
+    W& self() { return static_cast<W&>(*this); }
+};
 
 // Walks every entry's fields with `io`; false at the first entry that refuses.
 template <class C, class IO>

@@ -58,23 +58,8 @@ E& add_entry(std::list<std::shared_ptr<E>>& l) {
 }
 using walk::entry_of;
 
-// The calls that every walker but the viewer handles as a plain integer field.
-template <class W>
-class field_forms {
-public:
-    template <class T>
-    bool reserved(T& v, size_t bits) {
-        return self()(nullptr, v, bits);
-    }
-    bool time(const char* name, uint64_t& v) { return self()(name, v, 40); }
-    bool hhmm(const char* name, uint16_t& v) { return self()(name, v, 16); }
-
-private:
-    W& self() { return static_cast<W&>(*this); }
-};
-
 // Counts the bits a body would take when written.
-class body_sizer : public field_forms<body_sizer> {
+class body_sizer : public walk::field_forms<body_sizer> {
 public:
     template <class T>
     bool operator()(const char*, T&, size_t bits) {
@@ -125,7 +110,7 @@ size_t size_of(L& list) {
 
 // Reads a body through a reader bounded to it, refusing any field that runs past the body
 // (or past the current range of an io.entries(list, n)).
-class body_reader : public field_forms<body_reader> {
+class body_reader : public walk::field_forms<body_reader> {
 public:
     body_reader(const uint8_t* body, size_t length) : m_r(body, length), m_bits(8 * length) {}
 
@@ -245,7 +230,7 @@ private:
 };
 
 // Writes a body; count fields take the size of what they count.
-class body_writer : public field_forms<body_writer> {
+class body_writer : public walk::field_forms<body_writer> {
 public:
     explicit body_writer(KVSDK::KVBSWriter& w) : m_w(w) {}
 
@@ -306,7 +291,7 @@ private:
 };
 
 // Walks a freshly assigned copy and replaces every shared entry by a copy of its own.
-class body_cloner : public field_forms<body_cloner> {
+class body_cloner : public walk::field_forms<body_cloner> {
 public:
     template <class T>
     bool operator()(const char*, T&, size_t) {

@@ -57,39 +57,40 @@ void clear_entries(std::list<E*>& c) {
     c.clear();
 }
 
+// Loops as the sizer and the writer walk them: every entry, whatever bounds its loop.
+template <class W>
+class whole_loops : public walk::field_forms<W> {
+public:
+    bool rest_descriptors(const char* name, KVDescriptorList& list) {
+        return self().descriptors(name, list);
+    }
+    template <class C, class... More>
+    bool entries(const char*, C& c, More...) {
+        walk::each_entry(c, self());
+        return true;
+    }
+    template <class C, class... More>
+    bool entries_within(const char* name, C& c, More...) {
+        return entries(name, c);
+    }
+
+private:
+    W& self() { return static_cast<W&>(*this); }
+};
+
 // Counts the bits a section's fields take when written.
-class table_sizer {
+class table_sizer : public whole_loops<table_sizer> {
 public:
     template <class T>
     bool operator()(const char*, T&, size_t bits) {
-        m_bits += bits;
-        return true;
+        return add(bits);
     }
-    template <class T>
-    bool reserved(T&, size_t bits) {
-        m_bits += bits;
-        return true;
-    }
-    bool time(const char*, uint64_t&) { return add(40); }
-    bool duration(const char*, uint32_t&) { return add(24); }
     template <class T, class F>
     bool length(const char*, T&, size_t bits, F) {
         return add(bits);
     }
     bool descriptors(const char*, KVDescriptorList& list, uint16_t = 0, bool = false) {
         return add(8 * size_t(list.getSize()));
-    }
-    bool rest_descriptors(const char* name, KVDescriptorList& list) {
-        return descriptors(name, list);
-    }
-    template <class C, class... Key>
-    bool entries(const char*, C& c, int32_t = 0, Key...) {
-        walk::each_entry(c, *this);
-        return true;
-    }
-    template <class C>
-    bool entries_within(const char* name, C& c, uint16_t, int32_t) {
-        return entries(name, c);
     }
     bool crc(uint32_t&) { return add(32); }
 
@@ -105,7 +106,7 @@ private:
 
 // Reads the fields behind the common header of a section whose end is known: the loops
 // end by that end (less the CRC) or by their own lengths, as each table says.
-class table_reader {
+class table_reader : public walk::field_forms<table_reader> {
 public:
     table_reader(KVSDK::KVBSReader& r, const uint8_t* section_end) : m_r(r), m_end(section_end) {}
 
@@ -114,12 +115,6 @@ public:
         v = static_cast<T>(m_r.getBits(bits));
         return true;
     }
-    template <class T>
-    bool reserved(T& v, size_t bits) {
-        return (*this)(nullptr, v, bits);
-    }
-    bool time(const char* name, uint64_t& v) { return (*this)(name, v, 40); }
-    bool duration(const char* name, uint32_t& v) { return (*this)(name, v, 24); }
     template <class T, class F>
     bool length(const char* name, T& v, size_t bits, F) {
         return (*this)(name, v, bits);
@@ -213,7 +208,7 @@ private:
 // Writes the fields behind the common header. A field that does not fit is dropped and
 // the writing goes on, so that the CRC and the size are still set; ok() tells whether all
 // fitted.
-class table_writer {
+class table_writer : public whole_loops<table_writer> {
 public:
     // The section starts at `start`, with `capacity` bytes of room; `size` receives its
     // size once it is finished.
@@ -225,12 +220,6 @@ public:
     bool operator()(const char*, T& v, size_t bits) {
         return put(v, bits);
     }
-    template <class T>
-    bool reserved(T& v, size_t bits) {
-        return put(v, bits);
-    }
-    bool time(const char*, uint64_t& v) { return put(v, 40); }
-    bool duration(const char*, uint32_t& v) { return put(v, 24); }
     template <class T, class F>
     bool length(const char*, T& v, size_t bits, F size) {
         v = static_cast<T>(size());
@@ -239,18 +228,6 @@ public:
     bool descriptors(const char*, KVDescriptorList& list, uint16_t = 0, bool = false) {
         m_ok = list.write(m_w) && m_ok;
         return true;
-    }
-    bool rest_descriptors(const char* name, KVDescriptorList& list) {
-        return descriptors(name, list);
-    }
-    template <class C, class... Key>
-    bool entries(const char*, C& c, int32_t = 0, Key...) {
-        walk::each_entry(c, *this);
-        return true;
-    }
-    template <class C>
-    bool entries_within(const char* name, C& c, uint16_t, int32_t) {
-        return entries(name, c);
     }
     // The CRC over the section's first section_length - 1 bytes, written if it still fits.
     bool crc(uint32_t& v) {

@@ -1,9 +1,9 @@
 #include "kv_cli.h"
 
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
-#include <cctype>
 #include <cstring>
 
 namespace kv_cli {
@@ -69,8 +69,13 @@ parser& parser::flag(const char* name, char short_name, bool& target, const char
     e->short_name = short_name;
     e->flag = &target;
     e->flag_value = value;
-    e->option = {name, short_name, G_OPTION_FLAG_NO_ARG, G_OPTION_ARG_CALLBACK,
-                 reinterpret_cast<gpointer>(&parser::on_option), help, nullptr};
+    e->option = {name,
+                 short_name,
+                 G_OPTION_FLAG_NO_ARG,
+                 G_OPTION_ARG_CALLBACK,
+                 reinterpret_cast<gpointer>(&parser::on_option),
+                 help,
+                 nullptr};
     m_entries.push_back(std::move(e));
     return *this;
 }
@@ -82,8 +87,13 @@ parser& parser::option(const char* name, char short_name, const char* arg, const
     e->short_name = short_name;
     e->expected = expected;
     e->set = std::move(set);
-    e->option = {name, short_name, G_OPTION_FLAG_NONE, G_OPTION_ARG_CALLBACK,
-                 reinterpret_cast<gpointer>(&parser::on_option), help, arg};
+    e->option = {name,
+                 short_name,
+                 G_OPTION_FLAG_NONE,
+                 G_OPTION_ARG_CALLBACK,
+                 reinterpret_cast<gpointer>(&parser::on_option),
+                 help,
+                 arg};
     m_entries.push_back(std::move(e));
     return *this;
 }
@@ -110,8 +120,8 @@ gboolean parser::on_option(const gchar* name, const gchar* value, gpointer data,
     auto* self = static_cast<parser*>(data);
     for (const auto& e : self->m_entries) {
         const bool bLong = e->name == name;
-        const bool bShort = e->short_name != 0 && name[0] == '-' && name[1] == e->short_name &&
-                            name[2] == '\0';
+        const bool bShort =
+            e->short_name != 0 && name[0] == '-' && name[1] == e->short_name && name[2] == '\0';
         if (!bLong && !bShort) {
             continue;
         }

@@ -41,8 +41,8 @@ public:
     parser& text(const char* name, char short_name, const char* arg, const char* help,
                  std::string& target);
     template <class T>
-    parser& number(const char* name, char short_name, const char* arg, const char* help,
-                   T& target, uint64_t min, uint64_t max) {
+    parser& number(const char* name, char short_name, const char* arg, const char* help, T& target,
+                   uint64_t min, uint64_t max) {
         const std::string expected =
             "a whole number from " + std::to_string(min) + " to " + std::to_string(max);
         return option(name, short_name, arg, help, keep(expected),
@@ -75,8 +75,7 @@ private:
     struct entry;
 
     std::string flag_with_value(const std::vector<std::string>& args) const;
-    static gboolean on_option(const gchar* name, const gchar* value, gpointer data,
-                              GError** error);
+    static gboolean on_option(const gchar* name, const gchar* value, gpointer data, GError** error);
     const char* keep(const std::string& text);
 
     std::string m_tool;

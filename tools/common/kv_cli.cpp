@@ -62,39 +62,35 @@ const char* parser::keep(const std::string& text) {
     return m_texts.back()->c_str();
 }
 
-parser& parser::flag(const char* name, char short_name, bool& target, const char* help,
-                     bool value) {
+parser::entry& parser::add(const char* name, char short_name, int flags, const char* help,
+                           const char* arg) {
     auto e = std::make_unique<entry>();
     e->name = std::string("--") + name;
     e->short_name = short_name;
-    e->flag = &target;
-    e->flag_value = value;
     e->option = {name,
                  short_name,
-                 G_OPTION_FLAG_NO_ARG,
-                 G_OPTION_ARG_CALLBACK,
-                 reinterpret_cast<gpointer>(&parser::on_option),
-                 help,
-                 nullptr};
-    m_entries.push_back(std::move(e));
-    return *this;
-}
-
-parser& parser::option(const char* name, char short_name, const char* arg, const char* help,
-                       const char* expected, std::function<bool(const std::string&)> set) {
-    auto e = std::make_unique<entry>();
-    e->name = std::string("--") + name;
-    e->short_name = short_name;
-    e->expected = expected;
-    e->set = std::move(set);
-    e->option = {name,
-                 short_name,
-                 G_OPTION_FLAG_NONE,
+                 flags,
                  G_OPTION_ARG_CALLBACK,
                  reinterpret_cast<gpointer>(&parser::on_option),
                  help,
                  arg};
     m_entries.push_back(std::move(e));
+    return *m_entries.back();
+}
+
+parser& parser::flag(const char* name, char short_name, bool& target, const char* help,
+                     bool value) {
+    entry& e = add(name, short_name, G_OPTION_FLAG_NO_ARG, help, nullptr);
+    e.flag = &target;
+    e.flag_value = value;
+    return *this;
+}
+
+parser& parser::option(const char* name, char short_name, const char* arg, const char* help,
+                       const char* expected, std::function<bool(const std::string&)> set) {
+    entry& e = add(name, short_name, G_OPTION_FLAG_NONE, help, arg);
+    e.expected = expected;
+    e.set = std::move(set);
     return *this;
 }
 

@@ -77,6 +77,8 @@ private:
     std::string flag_with_value(const std::vector<std::string>& args) const;
     static gboolean on_option(const gchar* name, const gchar* value, gpointer data, GError** error);
     const char* keep(const std::string& text);
+    // A new option that GLib hands to on_option().
+    entry& add(const char* name, char short_name, int flags, const char* help, const char* arg);
 
     std::string m_tool;
     std::string m_versionDetail;

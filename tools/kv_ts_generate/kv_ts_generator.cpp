@@ -101,8 +101,8 @@ bool parse_decimal(const std::string& text, u128& digits, unsigned& frac, std::s
     return count > 0;
 }
 
-// Writes a table that renders whole sections through write() (header, body and CRC) into
-// `out`; its size in bytes, or 0 when it does not fit.
+// Writes a table's whole section (header, body and CRC) into `out`; its size in bytes, or
+// 0 when it does not fit.
 template <class Table>
 size_t write_section(Table& table, uint8_t (&out)[kMaxSection]) {
     KVSDK::KVBSWriter w(out, kMaxSection);
@@ -340,8 +340,8 @@ bool generator::build_sdt(std::string& error) {
     name->service_name = m_opt.service_name;
     service->descriptors.descriptor.push_back(name);
     sdt.sds[service->service_id] = service;
-    const size_t sdtSize = sdt.RenderTable() ? sdt.GetSizeBuffer() : 0;
-    return packetize_section(kSdtPid, kCcSdt, "SDT", sdt.GetBuffer(), sdtSize, error);
+    uint8_t section[kMaxSection];
+    return packetize_section(kSdtPid, kCcSdt, "SDT", section, write_section(sdt, section), error);
 }
 
 void generator::write_pcr(uint8_t* out) {
